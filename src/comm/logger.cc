@@ -1,0 +1,138 @@
+#include "comm/logger.h"
+
+#include <atomic>
+#include <cstdarg>
+#include <cstdlib>
+#include <cstring>
+
+#include "comm/env_path.h"
+#include "comm/file_util.h"
+#include "comm/string_util.h"
+#include "comm/time_util.h"
+
+namespace comm {
+namespace {
+
+// One switch for every logger of the process; see the header.
+std::atomic<bool> g_logFlush{true};
+
+constexpr int32_t kDefaultMaxSize = 10485760;
+
+Logger* create_default_logger() {
+    std::string dir = get_log_path();
+    if (!is_dir_exist(dir)) {
+        make_dir(dir);
+    }
+    return new Logger(dir + "qzcomm.log");
+}
+
+}  // namespace
+
+Logger::Logger(const std::string& path) : m_path(path), m_file(nullptr), m_enabled(false), m_buffer(nullptr) {
+    open(path, env_get_bool("QZ_LOGPRINT", true), env_get_bool("QZ_LOGAPPEND", true),
+         env_get_bool("QZ_LOGFLUSH", true), env_get_int("QZ_LOGMAXSIZE", kDefaultMaxSize));
+}
+
+Logger::Logger(const std::string& path, bool enabled, bool append)
+    : m_path(path), m_file(nullptr), m_enabled(false), m_buffer(nullptr) {
+    open(path, enabled, append, env_get_bool("QZ_LOGFLUSH", true), env_get_int("QZ_LOGMAXSIZE", 0));
+}
+
+Logger::Logger(const std::string& path, bool enabled, bool append, bool flush, int32_t maxSize)
+    : m_path(path), m_file(nullptr), m_enabled(false), m_buffer(nullptr) {
+    open(path, enabled, append, flush, maxSize);
+}
+
+Logger::~Logger() { close(); }
+
+void Logger::open(const std::string& path, bool enabled, bool append, bool flush,
+                  int32_t maxSize) {
+    std::lock_guard<std::mutex> guard(m_lock);
+    m_file = nullptr;
+    m_buffer = nullptr;
+    m_enabled = enabled;
+    if (!enabled) {
+        return;
+    }
+    g_logFlush = flush;
+    m_path = path;
+    if (maxSize > 0 && maxSize <= file_size(path)) {
+        file_remove(path);
+    }
+    // "e": the log must not be inherited by launched test programs.
+    m_file = std::fopen(path.c_str(), append ? "ate" : "wte");
+    if (m_file == nullptr) {
+        m_enabled = false;
+        return;
+    }
+    m_buffer = static_cast<char*>(std::malloc(kLogBufferSize));
+    if (m_buffer == nullptr) {
+        m_enabled = false;
+    }
+}
+
+void Logger::writeLine(const std::string& text) {
+    if (!m_enabled) {
+        return;
+    }
+    std::lock_guard<std::mutex> guard(m_lock);
+    writeStamped(text.c_str());
+}
+
+void Logger::writeFormat(const char* format, ...) {
+    if (!m_enabled) {
+        return;
+    }
+    std::lock_guard<std::mutex> guard(m_lock);
+    std::memset(m_buffer, 0, kLogBufferSize);
+    va_list args;
+    va_start(args, format);
+    std::vsnprintf(m_buffer, kLogBufferSize - 1, format, args);
+    va_end(args);
+    writeStamped(m_buffer);
+}
+
+// Called with m_lock held.
+void Logger::writeStamped(const char* text) {
+    std::fprintf(m_file, "%s %s\n", now_display_stamp_ms().c_str(), text);
+    if (g_logFlush) {
+        std::fflush(m_file);
+    }
+}
+
+void Logger::close() {
+    std::lock_guard<std::mutex> guard(m_lock);
+    if (m_file != nullptr) {
+        std::fclose(m_file);
+        m_file = nullptr;
+    }
+    if (m_buffer != nullptr) {
+        std::free(m_buffer);
+        m_buffer = nullptr;
+    }
+}
+
+FILE* Logger::fileHandle() const { return m_file; }
+
+void comm_log(const char* format, ...) {
+    // Made once, never destroyed: it serves code up to the very end of the process.
+    static Logger* defaultLogger = create_default_logger();
+    char text[kLogBufferSize];
+    va_list args;
+    va_start(args, format);
+    std::vsnprintf(text, kLogBufferSize - 1, format, args);
+    va_end(args);
+    defaultLogger->writeLine(text);
+}
+
+bool comm_log_print_enabled() { return env_get_bool("QZ_LOGPRINT", true); }
+
+bool comm_log_append_enabled() { return env_get_bool("QZ_LOGAPPEND", true); }
+
+bool comm_log_multi_enabled() { return env_get_bool("QZ_LOGMULTI", true); }
+
+std::string comm_log_path() { return get_log_path(); }
+
+bool log_flush_enabled() { return g_logFlush; }
+
+}  // namespace comm

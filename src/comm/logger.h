@@ -1,0 +1,78 @@
+// Time-stamped text logs.
+//
+// Each endpoint owns one Logger for its own file; code without an endpoint
+// (threads, Mutex) writes through comm_log to the process-wide default logger,
+// "qzcomm.log" in the log directory. A line is the local time with milliseconds,
+// one blank, the text and a newline. Loggers write only to their file.
+//
+// Thread safety: any number of threads may write through one Logger at once;
+// each line reaches the file whole. The flush switch is one flag for all
+// loggers: every opening of an enabled logger sets it, so the logger opened
+// last decides for all of them.
+#ifndef VEXA_COMM_LOGGER_H
+#define VEXA_COMM_LOGGER_H
+
+#include <cstdint>
+#include <atomic>
+#include <cstdio>
+#include <mutex>
+#include <string>
+
+#if defined(__GNUC__)
+#define VEXA_PRINTF_FORMAT(fmt, args) __attribute__((format(printf, fmt, args)))
+#else
+#define VEXA_PRINTF_FORMAT(fmt, args)
+#endif
+
+namespace comm {
+
+// Size of the formatting buffer; a formatted text keeps at most 5118 characters.
+constexpr int kLogBufferSize = 5120;
+
+class Logger {
+public:
+    // Settings from QZ_LOGPRINT, QZ_LOGAPPEND, QZ_LOGFLUSH (default on) and
+    // QZ_LOGMAXSIZE (default 10485760).
+    explicit Logger(const std::string& path);
+    // Flush from QZ_LOGFLUSH (default on), size limit from QZ_LOGMAXSIZE (default 0: none).
+    Logger(const std::string& path, bool enabled, bool append);
+    Logger(const std::string& path, bool enabled, bool append, bool flush, int32_t maxSize);
+    ~Logger();
+
+    Logger(const Logger&) = delete;
+    Logger& operator=(const Logger&) = delete;
+
+    // A disabled logger touches no file. With maxSize > 0 an existing file of
+    // at least that size is deleted first; the size is checked only here.
+    // A file that cannot be opened leaves the logger silent, with no report.
+    void open(const std::string& path, bool enabled, bool append, bool flush, int32_t maxSize);
+    void writeLine(const std::string& text);
+    void writeFormat(const char* format, ...) VEXA_PRINTF_FORMAT(2, 3);
+    // Closes the file; nothing may be written afterwards.
+    void close();
+    FILE* fileHandle() const;
+
+private:
+    void writeStamped(const char* text);
+
+    std::string m_path;
+    FILE* m_file;
+    std::atomic<bool> m_enabled;  // set at open, read by every writer
+    char* m_buffer;  // kLogBufferSize bytes, guarded by m_lock
+    std::mutex m_lock;
+};
+
+// One line to the default logger, created on first use in get_log_path().
+void comm_log(const char* format, ...) VEXA_PRINTF_FORMAT(1, 2);
+
+bool comm_log_print_enabled();   // QZ_LOGPRINT, default true
+bool comm_log_append_enabled();  // QZ_LOGAPPEND, default true
+bool comm_log_multi_enabled();   // QZ_LOGMULTI, default true; nothing acts on it
+std::string comm_log_path();     // get_log_path()
+
+// The shared flush flag.
+bool log_flush_enabled();
+
+}  // namespace comm
+
+#endif  // VEXA_COMM_LOGGER_H
