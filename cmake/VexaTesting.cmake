@@ -8,9 +8,18 @@ option(VEXA_GTEST_FROM_SOURCE "Build GoogleTest from source instead of using the
 set(VEXA_GTEST_SOURCE_DIR "/usr/src/googletest" CACHE PATH "GoogleTest source tree")
 
 if(VEXA_GTEST_FROM_SOURCE)
+    if(NOT EXISTS "${VEXA_GTEST_SOURCE_DIR}/CMakeLists.txt")
+        message(FATAL_ERROR "No GoogleTest sources in ${VEXA_GTEST_SOURCE_DIR}: "
+                            "install Debian's googletest package or set VEXA_GTEST_SOURCE_DIR")
+    endif()
     set(BUILD_GMOCK OFF CACHE BOOL "" FORCE)
     set(INSTALL_GTEST OFF CACHE BOOL "" FORCE)
     add_subdirectory(${VEXA_GTEST_SOURCE_DIR} ${CMAKE_BINARY_DIR}/_googletest EXCLUDE_FROM_ALL)
+    # Like the installed headers in /usr/include, GoogleTest's own headers are
+    # system headers: the project's warning flags (and -Werror) stop at them.
+    get_target_property(vexa_gtest_includes gtest INTERFACE_INCLUDE_DIRECTORIES)
+    set_target_properties(gtest PROPERTIES
+        INTERFACE_SYSTEM_INCLUDE_DIRECTORIES "${vexa_gtest_includes}")
     add_library(GTest::gtest ALIAS gtest)
 else()
     find_package(GTest REQUIRED)

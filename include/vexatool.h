@@ -76,7 +76,7 @@ VEXA_API void ipc_uninit_server(void* server);
  * run_test_so(serv_path, d_value, extra_args) is called; anything else is
  * started as a program through the su prefix with " -t <address>", then
  * " -d <d_value>" and the extra arguments when given. False when server or test is
-* null, otherwise true (the test proves itself by registering). */
+ * null, otherwise true (the test proves itself by registering). */
 VEXA_API bool ipc_run_test(void* server, const char* test, const char* d_value,
                           const char* extra_args);
 /* Sends one message to the client registered under dev and test_item (a null

@@ -32,8 +32,9 @@ std::string get_log_path();       // QZ_LOGPATH, else "/mnt/sdcard/vexa/"
 int32_t random_below(int32_t n);
 
 // Joins arguments that a shell split inside double quotes and keeps the
-// arguments from the first one starting with "-". The new vector is allocated;
-// release it with release_args. outArgc 0 and outArgv null when none starts with "-".
+// arguments from the first one starting with "-". The new vector and each of its
+// strings are allocated with new[]; a null pointer follows the last argument.
+// Release it with release_args. outArgc 0 and outArgv null when none starts with "-".
 void regroup_quoted_args(int argc, const char* const* argv, int* outArgc, char*** outArgv);
 void release_args(int argc, char** argv);
 

@@ -10,11 +10,12 @@
 
 namespace comm {
 
-bool file_exists(const std::string& path);       // openable for reading
-int32_t file_size(const std::string& path);      // stat size, -1 on failure
-int32_t stream_size(FILE* stream);               // fstat size, -1 on failure
-int file_remove(const std::string& path);        // remove(); 0 on success
-// Replaces `out` with the whole file; false (out unchanged) when it cannot be opened.
+bool file_exists(const std::string& path);   // openable for reading
+int32_t file_size(const std::string& path);  // stat size, -1 on failure
+int32_t stream_size(FILE* stream);           // fstat size, -1 on failure
+int file_remove(const std::string& path);    // remove(); 0 on success
+// Replaces `out` with the whole file; false (out unchanged) when it cannot be opened
+// or read.
 bool file_read_all(const std::string& path, std::string& out);
 // Reads at most `size` bytes from the start; the count read, 0 when it cannot be opened.
 int32_t file_read(const std::string& path, void* buffer, int32_t size);

@@ -15,18 +15,22 @@ const char kWhitespace[] = " \t\r\n";
 
 // Appends one piece, trimmed when asked and not empty.
 void add_piece(std::vector<std::string>& out, std::string piece, bool trimPieces) {
-    if (trimPieces && !piece.empty()) trim(piece);
+    if (trimPieces && !piece.empty())
+        trim(piece);
     out.push_back(std::move(piece));
 }
 
 }  // namespace
 
 bool is_dir_exist(const std::string& path) {
-    if (path.empty()) return false;
+    if (path.empty())
+        return false;
     std::string dir = path;
-    if (dir.back() != '/') dir += '/';
+    if (dir.back() != '/')
+        dir += '/';
     DIR* handle = opendir(dir.c_str());
-    if (handle == nullptr) return false;
+    if (handle == nullptr)
+        return false;
     closedir(handle);
     return true;
 }
@@ -38,18 +42,21 @@ bool make_dir(const std::string& path) {
 
 std::string get_dir_part(const std::string& path) {
     std::string::size_type pos = path.find_last_of("/\\");
-    if (pos == std::string::npos) return std::string();
+    if (pos == std::string::npos)
+        return std::string();
     return path.substr(0, pos + 1);
 }
 
 std::string get_file_name(const std::string& path) {
     std::string::size_type pos = path.find_last_of("/\\");
-    if (pos == std::string::npos) return path;
+    if (pos == std::string::npos)
+        return path;
     return path.substr(pos + 1);
 }
 
 void trim_left(std::string& s) {
-    if (s.empty()) return;
+    if (s.empty())
+        return;
     std::string::size_type pos = s.find_first_not_of(kWhitespace);
     if (pos == std::string::npos) {
         s.clear();
@@ -59,7 +66,8 @@ void trim_left(std::string& s) {
 }
 
 void trim_right(std::string& s) {
-    if (s.empty()) return;
+    if (s.empty())
+        return;
     std::string::size_type pos = s.find_last_not_of(kWhitespace);
     if (pos == std::string::npos) {
         s.clear();
@@ -69,18 +77,21 @@ void trim_right(std::string& s) {
 }
 
 void trim(std::string& s) {
-    if (s.empty()) return;
+    if (s.empty())
+        return;
     trim_left(s);
     trim_right(s);
 }
 
 bool contains(const std::string& s, const char* needle) {
-    if (needle == nullptr || *needle == '\0') return false;
+    if (needle == nullptr || *needle == '\0')
+        return false;
     return s.find(needle) != std::string::npos;
 }
 
 void replace_all(std::string& s, const char* from, const char* to) {
-    if (from == nullptr || *from == '\0' || to == nullptr || s.empty()) return;
+    if (from == nullptr || *from == '\0' || to == nullptr || s.empty())
+        return;
     const std::string::size_type fromLength = std::strlen(from);
     const std::string::size_type toLength = std::strlen(to);
     std::string::size_type pos = 0;
@@ -92,21 +103,25 @@ void replace_all(std::string& s, const char* from, const char* to) {
 }
 
 bool starts_with(const std::string& s, const std::string& prefix) {
-    if (s.empty() || prefix.empty() || prefix.size() > s.size()) return false;
+    if (s.empty() || prefix.empty() || prefix.size() > s.size())
+        return false;
     return s.compare(0, prefix.size(), prefix) == 0;
 }
 
 bool ends_with(const std::string& s, const std::string& suffix) {
-    if (s.empty() || suffix.empty() || suffix.size() > s.size()) return false;
+    if (s.empty() || suffix.empty() || suffix.size() > s.size())
+        return false;
     return s.compare(s.size() - suffix.size(), suffix.size(), suffix) == 0;
 }
 
 void strip_prefix(std::string& s, const std::string& prefix) {
-    if (starts_with(s, prefix)) s.erase(0, prefix.size());
+    if (starts_with(s, prefix))
+        s.erase(0, prefix.size());
 }
 
 void strip_suffix(std::string& s, const std::string& suffix) {
-    if (ends_with(s, suffix)) s.erase(s.size() - suffix.size());
+    if (ends_with(s, suffix))
+        s.erase(s.size() - suffix.size());
 }
 
 std::string int_to_string(int32_t value) {
@@ -138,12 +153,17 @@ int64_t to_int64(const std::string& s) {
     return static_cast<int64_t>(std::strtoll(s.c_str(), nullptr, 10));
 }
 
-double to_double(const std::string& s) { return std::strtod(s.c_str(), nullptr); }
+double to_double(const std::string& s) {
+    return std::strtod(s.c_str(), nullptr);
+}
 
-bool has_text(const std::string& s) { return !s.empty(); }
+bool has_text(const std::string& s) {
+    return !s.empty();
+}
 
 int32_t parse_int(const char* text) {
-    if (text == nullptr) return 0;
+    if (text == nullptr)
+        return 0;
     // Bytes are read unsigned, as the target's plain char is, so that the result
     // of any input is the same on every host.
     const unsigned char* p = reinterpret_cast<const unsigned char*>(text);
@@ -176,25 +196,29 @@ int32_t parse_int(const char* text) {
             magnitude = magnitude * base + (static_cast<uint32_t>(*p) - '0');
         }
     }
-    if (negative) magnitude = 0u - magnitude;
+    if (negative)
+        magnitude = 0u - magnitude;
     return static_cast<int32_t>(magnitude);
 }
 
 void to_upper(std::string& s) {
     for (char& c : s) {
-        if (c >= 'a' && c <= 'z') c = static_cast<char>(c - 'a' + 'A');
+        if (c >= 'a' && c <= 'z')
+            c = static_cast<char>(c - 'a' + 'A');
     }
 }
 
 void to_lower(std::string& s) {
     for (char& c : s) {
-        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+        if (c >= 'A' && c <= 'Z')
+            c = static_cast<char>(c - 'A' + 'a');
     }
 }
 
 void split_by_char(const std::string& text, char delimiter, std::vector<std::string>& out,
                    bool trimPieces) {
-    if (text.empty()) return;
+    if (text.empty())
+        return;
     std::string::size_type start = 0;
     for (;;) {
         std::string::size_type pos = text.find(delimiter, start);
@@ -208,8 +232,8 @@ void split_by_char(const std::string& text, char delimiter, std::vector<std::str
     }
 }
 
-void split_by_string(const std::string& text, const char* delimiter,
-                     std::vector<std::string>& out, bool trimPieces) {
+void split_by_string(const std::string& text, const char* delimiter, std::vector<std::string>& out,
+                     bool trimPieces) {
     // A null or empty delimiter would match everywhere; the text is one piece.
     const std::string::size_type delimiterLength =
         (delimiter == nullptr) ? 0 : std::strlen(delimiter);
@@ -226,14 +250,16 @@ void split_by_string(const std::string& text, const char* delimiter,
 }
 
 void parse_key_values(const std::string& text, std::map<std::string, std::string>& out) {
-    if (text.empty()) return;
+    if (text.empty())
+        return;
     std::vector<std::string> lines;
     // CR LF only: text with bare line feeds is read as one line. Intended.
     split_by_string(text, "\r\n", lines, true);
     for (const std::string& line : lines) {
         std::vector<std::string> pieces;
         split_by_string(line, "=", pieces, true);
-        if (pieces.size() < 2) continue;
+        if (pieces.size() < 2)
+            continue;
         // Pieces after the second are dropped: a value cannot hold '='.
         out[pieces[0]] = pieces[1];
     }

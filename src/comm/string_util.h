@@ -38,12 +38,12 @@ bool ends_with(const std::string& s, const std::string& suffix);
 void strip_prefix(std::string& s, const std::string& prefix);
 void strip_suffix(std::string& s, const std::string& suffix);
 
-std::string int_to_string(int32_t value);      // "%d"
-std::string int64_to_string(int64_t value);    // "%lld"
-std::string double_to_string(double value);    // "%.2f"
-int32_t to_int(const std::string& s);          // atoi
-int64_t to_int64(const std::string& s);        // atoll
-double to_double(const std::string& s);        // atof
+std::string int_to_string(int32_t value);    // "%d"
+std::string int64_to_string(int64_t value);  // "%lld"
+std::string double_to_string(double value);  // "%.2f"
+int32_t to_int(const std::string& s);        // atoi
+int64_t to_int64(const std::string& s);      // atoll
+double to_double(const std::string& s);      // atof
 bool has_text(const std::string& s);
 
 // "-" sign, "0x"/"0X" hex (non-hex characters skipped), leading "0" octal,
@@ -60,8 +60,8 @@ void to_lower(std::string& s);
 // empty piece. split_by_string: an empty text adds one empty piece.
 void split_by_char(const std::string& text, char delimiter, std::vector<std::string>& out,
                    bool trimPieces);
-void split_by_string(const std::string& text, const char* delimiter,
-                     std::vector<std::string>& out, bool trimPieces);
+void split_by_string(const std::string& text, const char* delimiter, std::vector<std::string>& out,
+                     bool trimPieces);
 
 // Reads "key=value" lines separated by CR LF (a bare LF does not separate).
 // Later keys overwrite earlier ones; text after a second '=' is lost.

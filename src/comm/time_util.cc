@@ -26,14 +26,6 @@ std::tm local_tm(time_t seconds) {
     return tm;
 }
 
-std::string second_stamp(const char* format) {
-    std::tm tm = local_now_tm(time(nullptr));
-    char buf[128];
-    std::snprintf(buf, sizeof(buf), format, tm.tm_year + 1900, tm.tm_mon + 1, tm.tm_mday,
-                  tm.tm_hour, tm.tm_min, tm.tm_sec);
-    return buf;
-}
-
 PreciseTime precise_now() {
     PreciseTime t{};
     get_precise_time(t);
@@ -45,7 +37,8 @@ PreciseTime precise_now() {
 int get_precise_time(PreciseTime& out) {
     timeval tv{};
     struct timezone tz {};
-    if (gettimeofday(&tv, &tz) < 0) return -1;
+    if (gettimeofday(&tv, &tz) < 0)
+        return -1;
     out = precise_time_from(tv);
     out.minutesWest = static_cast<int16_t>(tz.tz_minuteswest);
     out.dstFlag = static_cast<int16_t>(tz.tz_dsttime);
@@ -69,7 +62,9 @@ PreciseTime precise_time_from(const timeval& tv) {
     return t;
 }
 
-int64_t now_seconds() { return static_cast<int64_t>(time(nullptr)); }
+int64_t now_seconds() {
+    return static_cast<int64_t>(time(nullptr));
+}
 
 uint64_t now_ms() {
     timeval tv{};
@@ -77,9 +72,13 @@ uint64_t now_ms() {
     return timeval_to_ms(tv);
 }
 
-int get_time_of_day(timeval* tv) { return gettimeofday(tv, nullptr); }
+int get_time_of_day(timeval* tv) {
+    return gettimeofday(tv, nullptr);
+}
 
-std::tm now_local_tm() { return local_now_tm(time(nullptr)); }
+std::tm now_local_tm() {
+    return local_now_tm(time(nullptr));
+}
 
 double elapsed_ms(int64_t sec1, int64_t usec1, int64_t sec2, int64_t usec2) {
     return std::fma(static_cast<double>(sec1 - sec2), 1000.0,
@@ -97,14 +96,33 @@ timeval ms_to_timeval(uint64_t ms) {
     return tv;
 }
 
-std::string now_file_stamp() { return second_stamp("%04d%02d%02d_%02d%02d%02d"); }
+std::string now_file_stamp() {
+    std::tm tm = now_local_tm();
+    char buf[128];
+    std::snprintf(buf, sizeof(buf), "%04d%02d%02d_%02d%02d%02d", tm.tm_year + 1900, tm.tm_mon + 1,
+                  tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec);
+    return buf;
+}
 
-std::string now_compact_stamp() { return second_stamp("%04d%02d%02d%02d%02d%02d"); }
+std::string now_compact_stamp() {
+    std::tm tm = now_local_tm();
+    char buf[128];
+    std::snprintf(buf, sizeof(buf), "%04d%02d%02d%02d%02d%02d", tm.tm_year + 1900, tm.tm_mon + 1,
+                  tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec);
+    return buf;
+}
 
-std::string now_display_stamp() { return second_stamp("%04d/%02d/%02d %02d:%02d:%02d"); }
+std::string now_display_stamp() {
+    std::tm tm = now_local_tm();
+    char buf[128];
+    std::snprintf(buf, sizeof(buf), "%04d/%02d/%02d %02d:%02d:%02d", tm.tm_year + 1900,
+                  tm.tm_mon + 1, tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec);
+    return buf;
+}
 
 std::string now_stamp_with_format(const char* format) {
-    if (format == nullptr) return std::string();
+    if (format == nullptr)
+        return std::string();
     PreciseTime t = precise_now();
     std::tm tm = local_now_tm(static_cast<time_t>(t.seconds));
     char buf[kFormatBufferSize];
@@ -126,7 +144,9 @@ std::string now_file_stamp_ms() {
     return buf;
 }
 
-std::string now_display_stamp_ms() { return display_stamp_ms(precise_now()); }
+std::string now_display_stamp_ms() {
+    return display_stamp_ms(precise_now());
+}
 
 std::string now_clock_stamp_ms() {
     PreciseTime t = precise_now();
@@ -147,7 +167,8 @@ std::string display_stamp_ms(const PreciseTime& t) {
 }
 
 std::string format_time(const char* format, int64_t seconds) {
-    if (format == nullptr) return std::string();
+    if (format == nullptr)
+        return std::string();
     std::tm tm = local_tm(static_cast<time_t>(seconds));
     char buf[kFormatBufferSize];
 #pragma GCC diagnostic push
@@ -159,7 +180,8 @@ std::string format_time(const char* format, int64_t seconds) {
 }
 
 std::string format_time_ms(const char* format, uint64_t ms) {
-    if (format == nullptr) return std::string();
+    if (format == nullptr)
+        return std::string();
     std::tm tm = local_tm(static_cast<time_t>(ms / 1000));
     char buf[kFormatBufferSize];
 #pragma GCC diagnostic push
@@ -171,7 +193,8 @@ std::string format_time_ms(const char* format, uint64_t ms) {
 }
 
 int64_t parse_time(const char* format, const char* text) {
-    if (format == nullptr || text == nullptr) return -1;
+    if (format == nullptr || text == nullptr)
+        return -1;
     // Cleared first: fields the format does not fill (all of them when the text
     // does not match) read as zero.
     std::tm tm{};
@@ -180,8 +203,9 @@ int64_t parse_time(const char* format, const char* text) {
     std::sscanf(text, format, &tm.tm_year, &tm.tm_mon, &tm.tm_mday, &tm.tm_hour, &tm.tm_min,
                 &tm.tm_sec);
 #pragma GCC diagnostic pop
-    tm.tm_year -= 1900;
-    tm.tm_mon -= 1;
+    // Unsigned steps: a year or month near INT_MIN wraps instead of overflowing.
+    tm.tm_year = static_cast<int>(static_cast<unsigned>(tm.tm_year) - 1900u);
+    tm.tm_mon = static_cast<int>(static_cast<unsigned>(tm.tm_mon) - 1u);
     tm.tm_isdst = -1;
     return static_cast<int64_t>(mktime(&tm));
 }

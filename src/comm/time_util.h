@@ -24,9 +24,9 @@ int get_precise_time(PreciseTime& out);
 // The rounding of get_precise_time applied to a given time value.
 PreciseTime precise_time_from(const timeval& tv);
 
-int64_t now_seconds();                 // time(NULL)
-uint64_t now_ms();                     // gettimeofday, microseconds truncated
-int get_time_of_day(timeval* tv);      // gettimeofday without time zone
+int64_t now_seconds();             // time(NULL)
+uint64_t now_ms();                 // gettimeofday, microseconds truncated
+int get_time_of_day(timeval* tv);  // gettimeofday without time zone
 std::tm now_local_tm();
 
 // (sec1 - sec2) * 1000 + (usec1 - usec2) / 1000.0
@@ -34,14 +34,14 @@ double elapsed_ms(int64_t sec1, int64_t usec1, int64_t sec2, int64_t usec2);
 uint64_t timeval_to_ms(const timeval& tv);
 timeval ms_to_timeval(uint64_t ms);
 
-std::string now_file_stamp();         // "%04d%02d%02d_%02d%02d%02d"
-std::string now_compact_stamp();      // "%04d%02d%02d%02d%02d%02d"
-std::string now_display_stamp();      // "%04d/%02d/%02d %02d:%02d:%02d"
+std::string now_file_stamp();     // "%04d%02d%02d_%02d%02d%02d"
+std::string now_compact_stamp();  // "%04d%02d%02d%02d%02d%02d"
+std::string now_display_stamp();  // "%04d/%02d/%02d %02d:%02d:%02d"
 // The caller's format gets year, month, day, hour, minute, second, millisecond.
 std::string now_stamp_with_format(const char* format);
-std::string now_file_stamp_ms();      // "%04d%02d%02d_%02d%02d%02d_%03d"
-std::string now_display_stamp_ms();   // "%04d/%02d/%02d %02d:%02d:%02d.%03d", the log stamp
-std::string now_clock_stamp_ms();     // "%02d:%02d:%02d.%03d"
+std::string now_file_stamp_ms();     // "%04d%02d%02d_%02d%02d%02d_%03d"
+std::string now_display_stamp_ms();  // "%04d/%02d/%02d %02d:%02d:%02d.%03d", the log stamp
+std::string now_clock_stamp_ms();    // "%02d:%02d:%02d.%03d"
 // The log stamp of a given precise time.
 std::string display_stamp_ms(const PreciseTime& t);
 
