@@ -28,7 +28,8 @@ Logger* create_default_logger() {
 
 }  // namespace
 
-Logger::Logger(const std::string& path) : m_path(path), m_file(nullptr), m_enabled(false), m_buffer(nullptr) {
+Logger::Logger(const std::string& path)
+    : m_path(path), m_file(nullptr), m_enabled(false), m_buffer(nullptr) {
     open(path, env_get_bool("QZ_LOGPRINT", true), env_get_bool("QZ_LOGAPPEND", true),
          env_get_bool("QZ_LOGFLUSH", true), env_get_int("QZ_LOGMAXSIZE", kDefaultMaxSize));
 }
@@ -43,10 +44,11 @@ Logger::Logger(const std::string& path, bool enabled, bool append, bool flush, i
     open(path, enabled, append, flush, maxSize);
 }
 
-Logger::~Logger() { close(); }
+Logger::~Logger() {
+    close();
+}
 
-void Logger::open(const std::string& path, bool enabled, bool append, bool flush,
-                  int32_t maxSize) {
+void Logger::open(const std::string& path, bool enabled, bool append, bool flush, int32_t maxSize) {
     std::lock_guard<std::mutex> guard(m_lock);
     m_file = nullptr;
     m_buffer = nullptr;
@@ -112,7 +114,9 @@ void Logger::close() {
     }
 }
 
-FILE* Logger::fileHandle() const { return m_file; }
+FILE* Logger::fileHandle() const {
+    return m_file;
+}
 
 void comm_log(const char* format, ...) {
     // Made once, never destroyed: it serves code up to the very end of the process.
@@ -125,14 +129,24 @@ void comm_log(const char* format, ...) {
     defaultLogger->writeLine(text);
 }
 
-bool comm_log_print_enabled() { return env_get_bool("QZ_LOGPRINT", true); }
+bool comm_log_print_enabled() {
+    return env_get_bool("QZ_LOGPRINT", true);
+}
 
-bool comm_log_append_enabled() { return env_get_bool("QZ_LOGAPPEND", true); }
+bool comm_log_append_enabled() {
+    return env_get_bool("QZ_LOGAPPEND", true);
+}
 
-bool comm_log_multi_enabled() { return env_get_bool("QZ_LOGMULTI", true); }
+bool comm_log_multi_enabled() {
+    return env_get_bool("QZ_LOGMULTI", true);
+}
 
-std::string comm_log_path() { return get_log_path(); }
+std::string comm_log_path() {
+    return get_log_path();
+}
 
-bool log_flush_enabled() { return g_logFlush; }
+bool log_flush_enabled() {
+    return g_logFlush;
+}
 
 }  // namespace comm

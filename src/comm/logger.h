@@ -12,8 +12,8 @@
 #ifndef VEXA_COMM_LOGGER_H
 #define VEXA_COMM_LOGGER_H
 
-#include <cstdint>
 #include <atomic>
+#include <cstdint>
 #include <cstdio>
 #include <mutex>
 #include <string>
@@ -30,7 +30,7 @@ namespace comm {
 constexpr int kLogBufferSize = 5120;
 
 class Logger {
-public:
+  public:
     // Settings from QZ_LOGPRINT, QZ_LOGAPPEND, QZ_LOGFLUSH (default on) and
     // QZ_LOGMAXSIZE (default 10485760).
     explicit Logger(const std::string& path);
@@ -52,13 +52,13 @@ public:
     void close();
     FILE* fileHandle() const;
 
-private:
+  private:
     void writeStamped(const char* text);
 
     std::string m_path;
     FILE* m_file;
     std::atomic<bool> m_enabled;  // set at open, read by every writer
-    char* m_buffer;  // kLogBufferSize bytes, guarded by m_lock
+    char* m_buffer;               // kLogBufferSize bytes, guarded by m_lock
     std::mutex m_lock;
 };
 

@@ -52,7 +52,9 @@ void thread_join(ThreadHandle* handle) {
     delete handle;
 }
 
-pthread_t thread_current_id() { return pthread_self(); }
+pthread_t thread_current_id() {
+    return pthread_self();
+}
 
 Mutex* mutex_create() {
     auto* mutex = new Mutex;

@@ -39,7 +39,7 @@ int mutex_unlock(Mutex* mutex, const char* source, int line);
 
 // Holds a Mutex for one scope. A failed lock is only reported: the scope runs anyway.
 class MutexGuard {
-public:
+  public:
     MutexGuard(Mutex* mutex, const char* source, int lockLine, int unlockLine)
         : m_mutex(mutex), m_source(source), m_unlockLine(unlockLine) {
         mutex_lock(m_mutex, m_source, lockLine);
@@ -48,7 +48,7 @@ public:
     MutexGuard(const MutexGuard&) = delete;
     MutexGuard& operator=(const MutexGuard&) = delete;
 
-private:
+  private:
     Mutex* m_mutex;
     const char* m_source;
     int m_unlockLine;

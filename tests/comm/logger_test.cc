@@ -73,7 +73,8 @@ TEST(Logger, SizeLimitIsCheckedOnlyAtOpening) {
         bigLogger.writeLine("fresh");
         smallLogger.writeLine("appended");
         // Growing past the limit while open cuts nothing.
-        for (int i = 0; i < 10; ++i) smallLogger.writeLine("more");
+        for (int i = 0; i < 10; ++i)
+            smallLogger.writeLine("more");
     }
     EXPECT_EQ(log_texts(big), std::vector<std::string>{"fresh"});
     std::vector<std::string> lines = read_lines(small);
@@ -167,7 +168,8 @@ TEST(Logger, ConcurrentWritersNeverMixLines) {
                 }
             });
         }
-        for (std::thread& w : writers) w.join();
+        for (std::thread& w : writers)
+            w.join();
     }
     std::regex expected(R"(writer \d line \d+ abcdefghij)");
     std::vector<std::string> texts = log_texts(path);

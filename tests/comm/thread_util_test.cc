@@ -54,7 +54,8 @@ TEST(Mutex, GuardSerialisesThreads) {
             }
         });
     }
-    for (std::thread& t : threads) t.join();
+    for (std::thread& t : threads)
+        t.join();
     EXPECT_EQ(counter, 40000);
     comm::mutex_destroy(mutex);
 }

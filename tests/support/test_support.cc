@@ -45,10 +45,12 @@ std::string& root_storage() {
 void init_sandbox(const char* programName) {
     const char* tmp = std::getenv("TMPDIR");
     std::string parent = (tmp != nullptr && *tmp != '\0') ? tmp : "/tmp";
-    if (parent.back() != '/') parent += '/';
+    if (parent.back() != '/')
+        parent += '/';
     std::string base = programName;
     std::string::size_type slash = base.rfind('/');
-    if (slash != std::string::npos) base = base.substr(slash + 1);
+    if (slash != std::string::npos)
+        base = base.substr(slash + 1);
     root_storage() = make_temp_dir(parent, ("vexa-" + base + "-").c_str());
     make_dirs(root_storage() + "qz/");
     make_dirs(endpoint_dir());
@@ -65,18 +67,25 @@ void remove_sandbox() {
     remove_tree(root_storage());
 }
 
-const std::string& sandbox_root() { return root_storage(); }
+const std::string& sandbox_root() {
+    return root_storage();
+}
 
-std::string endpoint_dir() { return root_storage() + "vexa/"; }
+std::string endpoint_dir() {
+    return root_storage() + "vexa/";
+}
 
 TempDir::TempDir() : m_path(make_temp_dir(sandbox_root(), "t")) {}
 
-TempDir::~TempDir() { remove_tree(m_path); }
+TempDir::~TempDir() {
+    remove_tree(m_path);
+}
 
 ScopedEnv::ScopedEnv(const char* name, const char* value) : m_name(name) {
     const char* old = std::getenv(name);
     m_hadOld = old != nullptr;
-    if (m_hadOld) m_old = old;
+    if (m_hadOld)
+        m_old = old;
     if (value != nullptr) {
         setenv(name, value, 1);
     } else {
@@ -96,9 +105,11 @@ bool make_dirs(const std::string& path) {
     std::string partial;
     std::stringstream parts(path);
     std::string piece;
-    if (!path.empty() && path[0] == '/') partial = "/";
+    if (!path.empty() && path[0] == '/')
+        partial = "/";
     while (std::getline(parts, piece, '/')) {
-        if (piece.empty()) continue;
+        if (piece.empty())
+            continue;
         partial += piece + "/";
         mkdir(partial.c_str(), 0755);
     }
@@ -107,7 +118,8 @@ bool make_dirs(const std::string& path) {
 }
 
 void remove_tree(const std::string& path) {
-    if (path.empty() || path == "/") return;
+    if (path.empty() || path == "/")
+        return;
     nftw(
         path.c_str(),
         [](const char* p, const struct stat*, int, struct FTW*) { return ::remove(p); }, 16,
@@ -125,7 +137,8 @@ std::vector<std::string> read_lines(const std::string& path) {
     std::vector<std::string> lines;
     std::ifstream in(path, std::ios::binary);
     std::string line;
-    while (std::getline(in, line)) lines.push_back(line);
+    while (std::getline(in, line))
+        lines.push_back(line);
     return lines;
 }
 
@@ -142,7 +155,8 @@ std::vector<std::string> log_texts(const std::string& path) {
 int count_log_text(const std::string& path, const std::string& text) {
     int n = 0;
     for (const std::string& t : log_texts(path)) {
-        if (t == text) ++n;
+        if (t == text)
+            ++n;
     }
     return n;
 }
@@ -171,7 +185,8 @@ int free_loopback_port() {
 bool wait_until(const std::function<bool()>& condition, int timeoutMs) {
     long long deadline = monotonic_ms() + timeoutMs;
     while (!condition()) {
-        if (monotonic_ms() > deadline) return false;
+        if (monotonic_ms() > deadline)
+            return false;
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
     return true;

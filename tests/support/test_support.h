@@ -17,7 +17,7 @@ std::string endpoint_dir();
 
 // A fresh directory below the sandbox root, removed with everything in it.
 class TempDir {
-public:
+  public:
     TempDir();
     ~TempDir();
     TempDir(const TempDir&) = delete;
@@ -26,20 +26,20 @@ public:
     const std::string& path() const { return m_path; }
     std::string file(const std::string& name) const { return m_path + name; }
 
-private:
+  private:
     std::string m_path;
 };
 
 // Sets (or, with a null value, unsets) one environment variable and restores
 // the previous state when it goes out of scope.
 class ScopedEnv {
-public:
+  public:
     ScopedEnv(const char* name, const char* value);
     ~ScopedEnv();
     ScopedEnv(const ScopedEnv&) = delete;
     ScopedEnv& operator=(const ScopedEnv&) = delete;
 
-private:
+  private:
     std::string m_name;
     std::string m_old;
     bool m_hadOld;

@@ -1,0 +1,84 @@
+#include "core/ipc_message.h"
+
+#include <cstring>
+
+#include "comm/logger.h"
+
+namespace vexa {
+
+void putBigEndian32(uint8_t* at, int32_t value) {
+    auto bits = static_cast<uint32_t>(value);
+    at[0] = static_cast<uint8_t>(bits >> 24);
+    at[1] = static_cast<uint8_t>(bits >> 16);
+    at[2] = static_cast<uint8_t>(bits >> 8);
+    at[3] = static_cast<uint8_t>(bits);
+}
+
+int32_t getBigEndian32(const uint8_t* at) {
+    uint32_t bits = (static_cast<uint32_t>(at[0]) << 24) | (static_cast<uint32_t>(at[1]) << 16) |
+                    (static_cast<uint32_t>(at[2]) << 8) | static_cast<uint32_t>(at[3]);
+    return static_cast<int32_t>(bits);
+}
+
+void encodeHead(uint8_t* head, const char* dev, int32_t testItem, int32_t eventId, int32_t timeSec,
+                int32_t timeUsec, int32_t dataLen) {
+    std::memset(head, 0, IPC_HEAD_SIZE);
+    if (dev != nullptr) {
+        std::memcpy(head + kOffsetDev, dev, strnlen(dev, kMaxDevLength));
+    }
+    putBigEndian32(head + kOffsetTestItem, testItem);
+    putBigEndian32(head + kOffsetEventId, eventId);
+    putBigEndian32(head + kOffsetTimeSec, timeSec);
+    putBigEndian32(head + kOffsetTimeUsec, timeUsec);
+    putBigEndian32(head + kOffsetDataLen, dataLen);
+}
+
+bool readMsgFromSocket(SocketUtil* util, int fd, IPCMessage* msg, comm::Logger* logger,
+                       const StopFlag* abort) {
+    uint8_t head[IPC_HEAD_SIZE];
+    int got = util->mysock_readn(fd, head, IPC_HEAD_SIZE, abort);
+    if (got != IPC_HEAD_SIZE) {
+        logger->writeFormat("readMsgFromSocket read head failed. read_len=%d, error=%s", got,
+                            util->mysock_strerror());
+        return false;
+    }
+    std::memcpy(msg->dev, head + kOffsetDev, IPC_DEV_SIZE);
+    msg->test_item = getBigEndian32(head + kOffsetTestItem);
+    msg->event_id = getBigEndian32(head + kOffsetEventId);
+    msg->time_sec = getBigEndian32(head + kOffsetTimeSec);
+    msg->time_usec = getBigEndian32(head + kOffsetTimeUsec);
+    msg->data_len = getBigEndian32(head + kOffsetDataLen);
+
+    if (msg->data_len == 0) {
+        msg->data[0] = '\0';
+        return true;
+    }
+    if (msg->data_len > kMaxBodyLength) {
+        logger->writeFormat("msg too big, %d >= %d", msg->data_len, IPC_MAX_DATA_LEN);
+        return false;
+    }
+    if (msg->data_len < 0) {
+        return false;  // refused without a log line, by design
+    }
+    got = util->mysock_readn(fd, msg->data, msg->data_len, abort);
+    if (got != msg->data_len) {
+        logger->writeFormat("readMsgFromSocket read body failed. read_len=%d, error=%s", got,
+                            util->mysock_strerror());
+        return false;
+    }
+    msg->data[msg->data_len] = '\0';
+    return true;
+}
+
+bool writeMsgToSocket(SocketUtil* util, int fd, const char* block, int32_t len,
+                      comm::Logger* logger, const StopFlag* abort) {
+    int written = util->mysock_writen(fd, block, len, abort);
+    if (written == len) {
+        return true;
+    }
+    logger->writeFormat("writeMsgToSocket write msg failed. write_len=%d,error=%s", written,
+                        util->mysock_strerror());
+    return false;
+}
+
+}  // namespace vexa

@@ -1,0 +1,123 @@
+#include "core/ipcbase.h"
+
+#include <sys/time.h>
+
+#include <cstring>
+
+#include "comm/file_util.h"
+#include "comm/string_util.h"
+#include "core/log_dir.h"
+
+namespace comm {
+
+void throw_failure() {
+    throw MyException(kFailureCode, 0, "");
+}
+
+}  // namespace comm
+
+namespace vexa {
+
+IPCBase::IPCBase(IPCCallback callback, void* user, const std::string& logFileName)
+    : m_callback(callback), m_user(user) {
+    const std::string dir = endpoint_log_dir();
+    const bool flush = true;
+    if (!comm::is_dir_exist(dir)) {
+        comm::make_dir(dir);
+    }
+    const bool enabled = !comm::file_exists(dir + "ipc_notprint.txt");
+    m_traceSendRecv = comm::file_exists(dir + "ipc_sendrecv.txt");
+    m_logger = std::make_unique<comm::Logger>(dir + logFileName, enabled, true, flush,
+                                              kEndpointLogMaxSize);
+    m_logger->writeLine("++++++++++++START++++++++++++");
+    m_logger->writeFormat("vexa_init_with_logger version=2016-06-19 log_flush=%d", flush ? 1 : 0);
+
+    m_sendBuffer.reset(new char[kSendBufferBytes]);
+    m_recvBuffer.reset(new char[IPC_MAX_DATA_LEN]);
+    m_sendLock.reset(comm::mutex_create());
+
+    m_logger->writeLine("socket_init");
+    if (m_sockUtil.mysock_init_with_logger(m_logger.get()) != 1) {
+        m_logger->writeLine("socket_init failed");
+        comm::throw_failure();
+    }
+}
+
+IPCBase::~IPCBase() {
+    m_logger->writeLine("~IPCBase");
+    m_logger.reset();
+    m_sendBuffer.reset();
+    m_recvBuffer.reset();
+    m_sendLock.reset();
+}
+
+void IPCBase::init() {
+    setupSocket();
+}
+
+void IPCBase::start() {
+    m_logger->writeLine("start");
+    if (m_callback != nullptr) {
+        m_stop = false;
+        // Without a callback there is nobody to hand messages to, so no thread reads.
+        m_processThread = comm::thread_create(&IPCBase::processThread, this);
+    }
+    onStart();
+}
+
+void IPCBase::stop() {
+    m_logger->writeLine("stop");
+    onStop();
+    m_stop = true;
+    m_logger->writeLine("waiting processThread...");
+    comm::thread_join(m_processThread);
+    m_logger->writeLine("processThread stopped");
+}
+
+void IPCBase::processThread(void* self) {
+    auto* endpoint = static_cast<IPCBase*>(self);
+    endpoint->m_running = true;
+    endpoint->m_logger->writeLine("process_thread...");
+    while (!endpoint->m_stop && endpoint->processOnce()) {
+    }
+    endpoint->m_logger->writeLine("process_thread finished");
+    endpoint->m_running = false;
+}
+
+bool IPCBase::send(int fd, const char* dev, int32_t testItem, int32_t eventId, const void* data,
+                   int32_t dataLen) {
+    return sendChecked(fd, 0, dev, testItem, eventId, data, dataLen);
+}
+
+bool IPCBase::sendChecked(int fd, uint64_t token, const char* dev, int32_t testItem,
+                          int32_t eventId, const void* data, int32_t dataLen) {
+    // Unsigned, so that a negative length is refused too.
+    if (static_cast<uint32_t>(dataLen) > static_cast<uint32_t>(kMaxBodyLength)) {
+        m_logger->writeFormat("error! data_len=%d range[0-%d)", dataLen, IPC_MAX_DATA_LEN);
+        return false;
+    }
+    timeval now{};
+    gettimeofday(&now, nullptr);
+    uint8_t head[IPC_HEAD_SIZE];
+    encodeHead(head, dev, testItem, eventId, static_cast<int32_t>(now.tv_sec),
+               static_cast<int32_t>(now.tv_usec), dataLen);
+
+    const StopFlag abort{0};
+    comm::MutexGuard guard(m_sendLock.get(), "ipcbase", 189, 206);
+    if (!socketStillOpen(fd, token)) {
+        return false;
+    }
+    char* block = m_sendBuffer.get();
+    std::memcpy(block, head, IPC_HEAD_SIZE);
+    if (dataLen > 0) {
+        std::memcpy(block + IPC_HEAD_SIZE, data, static_cast<size_t>(dataLen));
+    }
+    if (m_traceSendRecv) {
+        m_logger->writeFormat("send dev=%s test_item=%d event_id=%d data_len=%d",
+                              dev != nullptr ? dev : "", testItem, eventId, dataLen);
+    }
+    return writeMsgToSocket(&m_sockUtil, fd, block, IPC_HEAD_SIZE + dataLen, m_logger.get(),
+                            &abort);
+}
+
+}  // namespace vexa

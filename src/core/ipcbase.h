@@ -1,0 +1,137 @@
+// The endpoint base shared by the server and the client: its own log file,
+// the socket utility state, the callback, one processing thread that runs the
+// subclass's loop body, two message buffers and the locked send path.
+//
+// Lifecycle: construct, init() (setupSocket), start() (thread, onStart),
+// stop() (onStop, stop flag, join), destroy. Construction and set-up failures
+// are logged and thrown as comm::MyException; nothing at run time throws.
+#ifndef VEXA_CORE_IPCBASE_H
+#define VEXA_CORE_IPCBASE_H
+
+#include <atomic>
+#include <cstdint>
+#include <exception>
+#include <memory>
+#include <string>
+
+#include "comm/logger.h"
+#include "comm/thread_util.h"
+#include "core/ipc_message.h"
+#include "net/socket_util.h"
+#include "vexatool.h"
+
+namespace comm {
+
+// The library's only exception type. Every throw uses code 10001 and an empty
+// message; the cause is in the endpoint's log.
+class MyException : public std::exception {
+  public:
+    MyException(int code, int subCode, std::string message)
+        : m_code(code), m_subCode(subCode), m_message(std::move(message)) {}
+    const char* what() const noexcept override { return m_message.c_str(); }
+    int code() const { return m_code; }
+    int subCode() const { return m_subCode; }
+
+  private:
+    int m_code;
+    int m_subCode;
+    std::string m_message;
+};
+
+constexpr int kFailureCode = 10001;
+
+// Throws MyException(10001, 0, "") after the caller has logged the cause.
+[[noreturn]] void throw_failure();
+
+}  // namespace comm
+
+namespace vexa {
+
+// Both callback types have the same parameters.
+using IPCCallback = ServerCallback;
+
+// Size of the send buffer: the head plus the largest accepted body.
+constexpr int kSendBufferBytes = IPC_HEAD_SIZE + kMaxBodyLength;
+// Log files are discarded at opening once they reach this size.
+constexpr int32_t kEndpointLogMaxSize = 8388608;
+
+class IPCBase {
+  public:
+    // logFileName is a file name only; the directory is endpoint_log_dir().
+    IPCBase(IPCCallback callback, void* user, const std::string& logFileName);
+    virtual ~IPCBase();
+
+    IPCBase(const IPCBase&) = delete;
+    IPCBase& operator=(const IPCBase&) = delete;
+
+    // Creates the socket (setupSocket); its exceptions pass through.
+    void init();
+    // Starts the processing thread (only with a callback), then onStart.
+    void start();
+    // onStop, then stops and joins the processing thread. Once per endpoint.
+    void stop();
+
+    // Frames one message and writes it whole on `fd` under the send lock.
+    // False for a length outside 0..511999 (logged) or a failed write.
+    // Any thread may call it, callbacks included.
+    bool send(int fd, const char* dev, int32_t testItem, int32_t eventId, const void* data,
+              int32_t dataLen);
+
+    bool isRunning() const { return m_running; }
+    comm::Logger* logger() const { return m_logger.get(); }
+
+  protected:
+    virtual int setupSocket() = 0;
+    virtual void onStart() {}
+    virtual void onStop() {}
+    // One pass of the processing loop; false ends it.
+    virtual bool processOnce() = 0;
+    // Asked with the send lock held, right before writing on `fd`: false when
+    // the socket the sender meant (`token` says which) has been closed since,
+    // so that a number reused by the host process is never written to.
+    virtual bool socketStillOpen(int /*fd*/, uint64_t /*token*/) const { return true; }
+
+    // send() with a token for socketStillOpen.
+    bool sendChecked(int fd, uint64_t token, const char* dev, int32_t testItem, int32_t eventId,
+                     const void* data, int32_t dataLen);
+
+    // Runs fn with the send lock held: sockets are closed this way, so that no
+    // sender is between its check and its write on them.
+    template <typename Fn>
+    void withSendLock(const char* source, int lockLine, int unlockLine, Fn fn) {
+        comm::MutexGuard guard(m_sendLock.get(), source, lockLine, unlockLine);
+        fn();
+    }
+
+    void callBack(int32_t testItem, int32_t eventId, const char* dev, int32_t timeSec,
+                  int32_t timeUsec, const char* data, int32_t dataLen) {
+        m_callback(m_user, testItem, eventId, dev, timeSec, timeUsec, data, dataLen);
+    }
+    bool hasCallback() const { return m_callback != nullptr; }
+    bool tracing() const { return m_traceSendRecv; }
+    char* recvBuffer() { return m_recvBuffer.get(); }
+
+    struct MutexDeleter {
+        void operator()(comm::Mutex* mutex) const { comm::mutex_destroy(mutex); }
+    };
+
+    std::unique_ptr<comm::Logger> m_logger;
+    bool m_traceSendRecv = false;  // "ipc_sendrecv.txt" was present
+    SocketUtil m_sockUtil;
+
+  private:
+    static void processThread(void* self);
+
+    IPCCallback m_callback;
+    void* m_user;
+    std::atomic<bool> m_stop{false};
+    comm::ThreadHandle* m_processThread = nullptr;
+    std::atomic<bool> m_running{false};
+    std::unique_ptr<char[]> m_sendBuffer;  // guarded by m_sendLock
+    std::unique_ptr<char[]> m_recvBuffer;  // processing thread only
+    std::unique_ptr<comm::Mutex, MutexDeleter> m_sendLock;
+};
+
+}  // namespace vexa
+
+#endif  // VEXA_CORE_IPCBASE_H

@@ -1,0 +1,108 @@
+// Counted socket reads and writes in one-second waits, completion of a
+// non-blocking connect, error text and socket options.
+//
+// Every wait is a poll() on the one descriptor, so descriptors of any number
+// work (an fd_set cannot hold 1024 or more). Nothing here owns a descriptor
+// except mysock_close, and nothing throws: failures are negative results plus,
+// where noted, one line in the endpoint's log.
+#ifndef VEXA_NET_SOCKET_UTIL_H
+#define VEXA_NET_SOCKET_UTIL_H
+
+#include <atomic>
+#include <cstdint>
+
+namespace comm {
+class Logger;
+}
+
+namespace vexa {
+
+// Results of the waiting operations; a non-negative value is success.
+constexpr int MYSOCK_ERR_IO = -1;            // the call failed for good, or the connect failed
+constexpr int MYSOCK_ERR_STOPPED = -2;       // the stop flag was found set
+constexpr int MYSOCK_ERR_WAIT = -3;          // the wait itself failed
+constexpr int MYSOCK_ERR_TIMEOUT = -4;       // the time budget ran out
+constexpr int MYSOCK_ERR_NOT_WRITABLE = -6;  // connect wait woke up without writability
+
+// A stop request: non-zero means give up. Only read, after a one-second wait
+// that saw nothing.
+using StopFlag = std::atomic<int>;
+
+// Default budget of each wait in mysock_readn / mysock_writen.
+constexpr int32_t kDefaultIoTimeoutMs = 30000;
+// Socket buffer sizes every endpoint asks for.
+constexpr int32_t kSendBufferSize = 262144;
+constexpr int32_t kRecvBufferSize = 524288;
+
+class SocketUtil {
+  public:
+    SocketUtil() = default;
+
+    // Stores the logger (not owned) and logs that it did; always 1.
+    int mysock_init_with_logger(comm::Logger* logger);
+    void mysock_set_read_timeout(int32_t ms) { m_readTimeoutMs = ms; }
+    void mysock_set_write_timeout(int32_t ms) { m_writeTimeoutMs = ms; }
+
+    static bool mysock_is_valid(int fd) { return fd >= 0; }
+    static int mysock_errno();
+    // 0 for EINTR and EAGAIN, -1 for any other error number.
+    static int mysock_is_retryable(int err);
+    // "strerror(errno)(errno)". The text lives in a buffer of the calling
+    // thread and stays valid until that thread's next call.
+    const char* mysock_strerror();
+
+    // Waits for fd = nfds - 1 to become readable (forRead != 0) or writable, in
+    // one-second slices: max(timeoutMs / 1000, 1) of them. The ready count,
+    // MYSOCK_ERR_WAIT, MYSOCK_ERR_STOPPED or MYSOCK_ERR_TIMEOUT.
+    int mysock_select(int nfds, int forRead, int32_t timeoutMs, const StopFlag* stop);
+    // Exactly `len` bytes, each wait with the full write budget. `len` on
+    // success; a length below 1 comes back unchanged; 0 when the write wrote
+    // nothing; else -1 or a wait result.
+    int mysock_writen(int fd, const void* buffer, int32_t len, const StopFlag* stop);
+    // Exactly `len` bytes, each wait with the full read budget. `len` on
+    // success; 0 when the peer closed (even after part of the data); else -1
+    // or a wait result. Logs the count on every completed read.
+    int mysock_readn(int fd, void* buffer, int32_t len, const StopFlag* stop);
+
+    // The pending SO_ERROR, or errno when getsockopt fails.
+    static int mysock_get_so_error(int fd);
+    // Finishes a connect() that returned `connectResult`: 0 connected, else
+    // MYSOCK_ERR_IO (soError receives the error number), _WAIT, _STOPPED,
+    // _TIMEOUT or _NOT_WRITABLE.
+    int mysock_wait_connect(int fd, int connectResult, int32_t timeoutMs, const StopFlag* stop,
+                            int* soError);
+    int mysock_wait_connect(int fd, int connectResult, int32_t timeoutMs, const StopFlag* stop);
+    // Closes a descriptor >= 0.
+    static void mysock_close(int fd);
+
+    // One wait of `timeoutMs` for readability of one descriptor, with the
+    // results of select(): > 0 ready (also on hang-up or error), 0 time-out,
+    // -1 failure (errno set; EBADF for a descriptor that is not open).
+    static int mysock_wait_readable(int fd, int timeoutMs);
+
+    // Socket options: thin setsockopt/fcntl/signal calls with fixed values.
+    static int mysock_option_nodelay(int fd);
+    static int mysock_option_reuse_addr(int fd);
+    static int mysock_option_send_windowsize(int fd, int32_t size);
+    static int mysock_option_recv_windowsize(int fd, int32_t size);
+    // Logs the sizes, sets the positive ones (logging failures), logs them again.
+    void mysock_option_windowsize(int fd, int32_t sendSize, int32_t recvSize);
+    void mysock_print_buffer_sizes(int fd);
+    // Adds or removes O_NONBLOCK, keeping the other flags; always 0.
+    static int mysock_set_nonblock(int fd, int flag);
+    // Ignores SIGPIPE for the whole process (the descriptor is not used).
+    using SignalHandler = void (*)(int);
+    static SignalHandler mysock_option_disable_sigpipe(int fd);
+
+  private:
+    comm::Logger& log();
+
+    comm::Logger* m_logger = nullptr;
+    // The budgets may be changed while another thread waits.
+    std::atomic<int32_t> m_readTimeoutMs{kDefaultIoTimeoutMs};
+    std::atomic<int32_t> m_writeTimeoutMs{kDefaultIoTimeoutMs};
+};
+
+}  // namespace vexa
+
+#endif  // VEXA_NET_SOCKET_UTIL_H
