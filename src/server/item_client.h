@@ -1,0 +1,31 @@
+// The server's record of one registered client, and the key it is found by.
+#ifndef VEXA_SERVER_ITEM_CLIENT_H
+#define VEXA_SERVER_ITEM_CLIENT_H
+
+#include <cstdint>
+#include <string>
+
+namespace vexa {
+
+struct ItemClient {
+    std::string dev;
+    int32_t test_item = 0;
+    int socket = -1;
+    bool closing = false;  // set when the client sent CLIENT_IPC_EXIT
+    int32_t pid = 0;       // from the registration body
+    // Which connection `socket` meant when the client registered; a number
+    // closed and reused by a later connection has another generation.
+    uint64_t generation = 0;
+};
+
+// The device string followed directly by the decimal test item. There is no
+// separator, so "phone"/12 and "phone1"/2 share the key "phone12" and the later
+// registration replaces the earlier one; this is intended.
+std::string make_client_key(const std::string& dev, int32_t testItem);
+
+// "pid=%d dev=%s test_item=%d socket=%d", cut at 259 characters.
+std::string item_client_text(const ItemClient& item);
+
+}  // namespace vexa
+
+#endif  // VEXA_SERVER_ITEM_CLIENT_H
