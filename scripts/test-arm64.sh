@@ -56,7 +56,14 @@ while IFS= read -r command; do
     fi
 done < <(ctest -N -V | sed -n 's/^[0-9]*: Test command: //p')
 
-echo "== architecture of the library and of the test binaries of $ntests tests"
+# Whatever else the build made (the tool, example tests, loadable test
+# libraries) that the tests start or load themselves.
+while IFS= read -r -d '' other; do
+    case "$(file -b "$other")" in ELF*) binaries+=("$other") ;; esac
+done < <(find "$build" -type f \( -perm -u+x -o -name '*.so' -o -name '*.so.*' \) \
+    -not -path '*/CMakeFiles/*' -print0 | sort -z)
+
+echo "== architecture of the library, the test binaries of $ntests tests and the rest they run"
 while IFS= read -r bin; do
     desc=$(file -L "$bin")
     echo "$desc"
