@@ -21,6 +21,7 @@ if(VEXA_GTEST_FROM_SOURCE)
     set_target_properties(gtest PROPERTIES
         INTERFACE_SYSTEM_INCLUDE_DIRECTORIES "${vexa_gtest_includes}")
     add_library(GTest::gtest ALIAS gtest)
+    add_library(GTest::gtest_main ALIAS gtest_main)
 else()
     find_package(GTest REQUIRED)
 endif()

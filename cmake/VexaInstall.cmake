@@ -1,0 +1,25 @@
+# cmake --install: the library, its header, a CMake package
+# (find_package(vexatool CONFIG) -> vexatool::vexatool64) and a pkg-config file.
+include(CMakePackageConfigHelpers)
+
+install(TARGETS vexatool64 EXPORT vexatoolTargets
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+    PUBLIC_HEADER DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(EXPORT vexatoolTargets
+    NAMESPACE vexatool::
+    DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/vexatool)
+
+configure_package_config_file(
+    ${PROJECT_SOURCE_DIR}/cmake/vexatoolConfig.cmake.in
+    ${PROJECT_BINARY_DIR}/vexatoolConfig.cmake
+    INSTALL_DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/vexatool)
+write_basic_package_version_file(
+    ${PROJECT_BINARY_DIR}/vexatoolConfigVersion.cmake
+    COMPATIBILITY SameMajorVersion)
+install(FILES
+    ${PROJECT_BINARY_DIR}/vexatoolConfig.cmake
+    ${PROJECT_BINARY_DIR}/vexatoolConfigVersion.cmake
+    DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/vexatool)
+
+configure_file(${PROJECT_SOURCE_DIR}/cmake/vexatool.pc.in ${PROJECT_BINARY_DIR}/vexatool.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/vexatool.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
