@@ -21,5 +21,9 @@ install(FILES
     ${PROJECT_BINARY_DIR}/vexatoolConfigVersion.cmake
     DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/vexatool)
 
+# The .pc file finds its prefix relative to itself, so the tree can be moved.
+file(RELATIVE_PATH VEXA_PC_TO_PREFIX "${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig"
+     "${CMAKE_INSTALL_PREFIX}")
+string(REGEX REPLACE "/$" "" VEXA_PC_TO_PREFIX "${VEXA_PC_TO_PREFIX}")
 configure_file(${PROJECT_SOURCE_DIR}/cmake/vexatool.pc.in ${PROJECT_BINARY_DIR}/vexatool.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/vexatool.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
