@@ -1,0 +1,231 @@
+#include "client/ipcclient.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <vector>
+
+#include "comm/string_util.h"
+#include "comm/thread_util.h"
+
+namespace vexa {
+namespace {
+
+constexpr char kLoopbackHost[] = "127.0.0.1";
+constexpr char kTcpPrefix[] = "tcp://";
+constexpr char kTcpLoopbackPrefix[] = "tcp://:";
+// The processing loop's wait for a message; it also bounds how late the stop
+// flag is seen.
+constexpr int kReceiveWaitMs = 5;
+constexpr int64_t kExitAckWaitMs = 2000;
+constexpr uint32_t kExitAckPollMs = 10;
+
+std::string log_file_name(const char* dev) {
+    // The device string goes into the name unchanged, whatever it contains.
+    return std::string("ipc_client_") + (dev != nullptr ? dev : "") + ".log";
+}
+
+// "tcp://:PORT" or "tcp://HOST:PORT[:...]". False for anything else and for a
+// port that converts to 0; the port is not otherwise checked.
+bool parse_serv_path(const std::string& path, std::string* host, int32_t* port) {
+    if (comm::starts_with(path, kTcpLoopbackPrefix)) {
+        *host = kLoopbackHost;
+        *port = comm::to_int(path.substr(std::strlen(kTcpLoopbackPrefix)));
+        return *port != 0;
+    }
+    if (!comm::starts_with(path, kTcpPrefix)) {
+        return false;
+    }
+    std::vector<std::string> pieces;
+    comm::split_by_char(path.substr(std::strlen(kTcpPrefix)), ':', pieces, false);
+    if (pieces.size() < 2) {
+        return false;
+    }
+    *host = pieces[0];
+    *port = comm::to_int(pieces[1]);
+    return *port != 0;
+}
+
+}  // namespace
+
+IPCClient::IPCClient(const char* servPath, ClientCallback callback, void* user, const char* dev,
+                     int32_t testItem, int32_t connectTimeoutMs)
+    : IPCBase(callback, user, log_file_name(dev)),
+      m_connectTimeoutMs(connectTimeoutMs),
+      m_dev(dev != nullptr ? dev : ""),
+      m_testItem(testItem) {
+    const std::string path = servPath != nullptr ? servPath : "";
+    if (!parse_serv_path(path, &m_host, &m_port)) {
+        m_logger->writeFormat("serv_path invalid %s", path.c_str());
+        comm::throw_failure();
+    }
+}
+
+IPCClient::~IPCClient() {
+    if (m_socket.load() != -1) {
+        closeSocket();
+    }
+}
+
+int IPCClient::setupSocket() {
+    // Close-on-exec, so that the programs a test launches do not inherit it.
+    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, IPPROTO_TCP);
+    if (fd < 0) {
+        m_logger->writeFormat("socket error=%s", m_sockUtil.mysock_strerror());
+        comm::throw_failure();
+    }
+    m_socket = fd;
+
+    m_sockUtil.mysock_option_windowsize(fd, kSendBufferSize, kRecvBufferSize);
+    m_logger->writeLine("mysock_option_nodelay");
+    SocketUtil::mysock_option_nodelay(fd);
+    m_logger->writeLine("disable_sigpipe");
+    SocketUtil::mysock_option_disable_sigpipe(fd);
+
+    const bool noBlock = m_connectTimeoutMs > 0;
+    m_logger->writeFormat("connect timeout=%d noblock=%d", m_connectTimeoutMs, noBlock ? 1 : 0);
+    // Never switched back: a time-limited client stays non-blocking, and its
+    // reads and writes wait for readiness anyway.
+    SocketUtil::mysock_set_nonblock(fd, noBlock ? 1 : 0);
+    const int64_t startMs = comm::monotonic_ms();
+
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    // Only the low 16 bits of the port count: 70000 reaches port 4464.
+    addr.sin_port = htons(static_cast<uint16_t>(m_port));
+    addr.sin_addr.s_addr = inet_addr(m_host.c_str());
+    m_logger->writeFormat("connect %s:%d", m_host.c_str(), m_port);
+    const int connected = ::connect(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof(addr));
+
+    const StopFlag abort{0};
+    const int rc = m_sockUtil.mysock_wait_connect(fd, connected, m_connectTimeoutMs, &abort);
+    if (rc < 0) {
+        m_logger->writeFormat("wait_on_connect failed rc=%d take=%d", rc,
+                              static_cast<int>(comm::monotonic_ms() - startMs));
+        // The socket stays open; the destructor closes it.
+        comm::throw_failure();
+    }
+
+    // The body is the pid in this machine's byte order, unlike the head.
+    const int32_t pid = static_cast<int32_t>(getpid());
+    return send(CLIENT_IPC_CONFIG, &pid, static_cast<int32_t>(sizeof(pid))) ? 1 : 0;
+}
+
+bool IPCClient::send(int32_t eventId, const void* data, int32_t dataLen) {
+    if (dataLen < 0) {
+        return false;
+    }
+    const int fd = m_socket.load();
+    if (fd == -1) {
+        return false;
+    }
+    // socketStillOpen() checks fd again under the send lock: the processing
+    // thread may close it between here and the write.
+    return sendChecked(fd, 0, m_dev.c_str(), m_testItem, eventId, data, dataLen);
+}
+
+bool IPCClient::socketStillOpen(int fd, uint64_t /*token*/) const {
+    return m_socket.load() == fd;
+}
+
+bool IPCClient::processOnce() {
+    const int fd = m_socket.load();
+    const int ready = SocketUtil::mysock_wait_readable(fd, kReceiveWaitMs);
+    if (ready == 0) {
+        return true;
+    }
+    if (ready < 0) {
+        // Nothing is closed; a lasting error makes the loop spin.
+        m_logger->writeFormat("warning, select error=%s", m_sockUtil.mysock_strerror());
+        return true;
+    }
+
+    IPCMessage msg{};
+    msg.data = recvBuffer();
+    const StopFlag abort{0};
+    if (!readMsgFromSocket(&m_sockUtil, fd, &msg, m_logger.get(), &abort)) {
+        m_logger->writeLine("readMsgFromSocket failed. server socket closed");
+        timeval now{};
+        gettimeofday(&now, nullptr);
+        // The int32 -900, followed by a NUL like every body a callback gets.
+        alignas(int32_t) char reason[sizeof(int32_t) + 1] = {};
+        const int32_t code = IPC_ERR_SERVER_CLOSED;
+        std::memcpy(reason, &code, sizeof(code));
+        if (hasCallback()) {
+            callBack(m_testItem, CLIENT_IPC_DISCONNECTED, m_dev.c_str(),
+                     static_cast<int32_t>(now.tv_sec), static_cast<int32_t>(now.tv_usec), reason,
+                     static_cast<int32_t>(sizeof(code)));
+        }
+        m_canClose = true;
+        closeSocket();
+        return false;
+    }
+
+    if (msg.event_id == CLIENT_IPC_EXIT_ACK) {
+        // Logged whatever the trace setting; the callback does not see it.
+        m_logger->writeFormat("recv test_item=%d test_id=%d data_len=%d", msg.test_item,
+                              msg.event_id, msg.data_len);
+        m_canClose = true;
+        closeSocket();
+        return false;
+    }
+
+    if (tracing()) {
+        m_logger->writeFormat("recv test_item=%d test_id=%d data_len=%d", msg.test_item,
+                              msg.event_id, msg.data_len);
+    }
+    // A peer may fill all 80 bytes of dev; the callback gets a terminated copy.
+    char dev[IPC_DEV_SIZE + 1];
+    std::memcpy(dev, msg.dev, IPC_DEV_SIZE);
+    dev[IPC_DEV_SIZE] = '\0';
+    if (hasCallback()) {
+        callBack(msg.test_item, msg.event_id, dev, msg.time_sec, msg.time_usec, msg.data,
+                 msg.data_len);
+    }
+    if (tracing()) {
+        m_logger->writeLine("call finish");
+    }
+    if (!m_canClose) {
+        return true;
+    }
+    closeSocket();
+    return false;
+}
+
+void IPCClient::onStop() {
+    if (m_socket.load() == -1) {
+        return;
+    }
+    m_canClose = false;
+    send(CLIENT_IPC_EXIT, nullptr, 0);
+    m_logger->writeLine("wait m_canClose 2000ms");
+    // The loop sets m_canClose right before it closes the socket, so a closed
+    // socket ends the wait too: it covers a close that came between the check
+    // above and the clearing of the flag.
+    const auto closed = [this] { return m_canClose.load() || m_socket.load() == -1; };
+    if (!closed()) {
+        const int64_t startMs = comm::monotonic_ms();
+        for (;;) {
+            const int64_t nowMs = comm::monotonic_ms();
+            if (closed() || nowMs - startMs > kExitAckWaitMs - 1) {
+                break;
+            }
+            comm::sleep_ms(kExitAckPollMs);
+        }
+    }
+    m_logger->writeLine("wait finish");
+}
+
+void IPCClient::closeSocket() {
+    withSendLock("ipcclient", __LINE__, __LINE__, [this] {
+        SocketUtil::mysock_close(m_socket.load());
+        m_socket = -1;
+    });
+    m_logger->writeLine("socket close");
+}
+
+}  // namespace vexa
