@@ -71,6 +71,7 @@ void IPCBase::stop() {
     m_stop = true;
     m_logger->writeLine("waiting processThread...");
     comm::thread_join(m_processThread);
+    m_processThread = nullptr;  // the join released it
     m_logger->writeLine("processThread stopped");
 }
 
