@@ -1,0 +1,47 @@
+#!/usr/bin/env bash
+# Shows a whole exchange between the host tool and the two example tests:
+# installs what is missing, builds into build/ (the same build as
+# scripts/test.sh), then runs
+#
+#   build/tools/vexahost --demo -a tcp://:PORT <example program> <example .so>
+#
+# PORT is 6000 when that is free, otherwise any free loopback port. Each test
+# registers, says hello, echoes the host's ping, says bye on the host's leave
+# and closes; the tool then exits 0. Like every host of the shipped library, it
+# writes the endpoint logs to /mnt/sdcard/vexa/, making that directory if needed.
+set -euo pipefail
+root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+source "$root/scripts/ensure-packages.sh"
+
+ensure_packages cmake ninja-build g++ libgtest-dev
+
+build="$root/build"
+cmake -S "$root" -B "$build" -G Ninja \
+    -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+    -DVEXA_WERROR=ON \
+    -DCMAKE_C_FLAGS="" -DCMAKE_CXX_FLAGS="" \
+    -DCMAKE_EXE_LINKER_FLAGS="" -DCMAKE_SHARED_LINKER_FLAGS=""
+cmake --build "$build" --target vexahost vexa_example_test vexa_example_test_so
+
+port=$(python3 - <<'PY'
+import socket
+
+def bindable(port):
+    with socket.socket() as s:
+        # As the server does: a port left in TIME_WAIT by an earlier run is fine.
+        s.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        try:
+            s.bind(("127.0.0.1", port))
+        except OSError:
+            return 0
+        return s.getsockname()[1]
+
+print(bindable(6000) or bindable(0))
+PY
+)
+
+program="$build/examples/vexa_example_test"
+library="$build/examples/libvexa_example_test_so.so"
+echo "== vexahost --demo -a tcp://:$port $program $library"
+timeout 60 "$build/tools/vexahost" --demo -a "tcp://:$port" "$program" "$library" </dev/null
+echo "== both tests closed; the endpoint logs are in /mnt/sdcard/vexa/ (ipc_server_$port.log, ipc_client_*.log)"
