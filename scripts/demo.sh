@@ -7,8 +7,13 @@
 #
 # PORT is 6000 when that is free, otherwise any free loopback port. Each test
 # registers, says hello, echoes the host's ping, says bye on the host's leave
-# and closes; the tool then exits 0. Like every host of the shipped library, it
-# writes the endpoint logs to /mnt/sdcard/vexa/, making that directory if needed.
+# and closes; the tool then exits 0.
+#
+# The shipped library logs into the device directory /mnt/sdcard/vexa/. So that
+# the demo leaves nothing outside the build tree and its logs can be read, it
+# runs with the library's test build (the same code, built as
+# build/testing-lib/libvexatool64.so), whose endpoint log directory comes from
+# VEXA_TEST_ENDPOINT_LOG_DIR: the logs land in build/demo-logs/.
 set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 source "$root/scripts/ensure-packages.sh"
@@ -21,7 +26,7 @@ cmake -S "$root" -B "$build" -G Ninja \
     -DVEXA_WERROR=ON \
     -DCMAKE_C_FLAGS="" -DCMAKE_CXX_FLAGS="" \
     -DCMAKE_EXE_LINKER_FLAGS="" -DCMAKE_SHARED_LINKER_FLAGS=""
-cmake --build "$build" --target vexahost vexa_example_test vexa_example_test_so
+cmake --build "$build" --target vexahost vexa_example_test vexa_example_test_so vexatool64_testing
 
 port=$(python3 - <<'PY'
 import socket
@@ -43,5 +48,8 @@ PY
 program="$build/examples/vexa_example_test"
 library="$build/examples/libvexa_example_test_so.so"
 echo "== vexahost --demo -a tcp://:$port $program $library"
-timeout 60 "$build/tools/vexahost" --demo -a "tcp://:$port" "$program" "$library" </dev/null
-echo "== both tests closed; the endpoint logs are in /mnt/sdcard/vexa/ (ipc_server_$port.log, ipc_client_*.log)"
+logs="$build/demo-logs/"
+rm -rf "$logs"
+LD_LIBRARY_PATH="$build/testing-lib" VEXA_TEST_ENDPOINT_LOG_DIR="$logs" \
+    timeout 60 "$build/tools/vexahost" --demo -a "tcp://:$port" "$program" "$library" </dev/null
+echo "== both tests closed; endpoint logs: $(cd "$logs" && ls | tr '\n' ' ')(in $logs)"
