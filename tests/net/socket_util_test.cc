@@ -139,19 +139,21 @@ TEST_F(SocketUtilTest, ReadBudgetIsCountedInWholeSeconds) {
     SocketPair pair;
     ASSERT_GE(pair.a, 0);
     char buffer[10];
-    // 1500 ms is one wait of a second; 2500 ms two. The upper bound of the first
-    // only has to tell one wait from two.
-    m_util.mysock_set_read_timeout(1500);
+    // Budgets are cut to whole seconds: 1999 ms is one wait of a second, 2999 ms
+    // two. The upper bounds only have to tell that from rounding up.
+    m_util.mysock_set_read_timeout(1999);
     long long start = monotonic_ms();
     EXPECT_EQ(m_util.mysock_readn(pair.b, buffer, 10, &m_noStop), vexa::MYSOCK_ERR_TIMEOUT);
     long long oneWait = monotonic_ms() - start;
     EXPECT_GE(oneWait, 900);
-    EXPECT_LT(oneWait, 1950);
+    EXPECT_LT(oneWait, 1700);
 
-    m_util.mysock_set_read_timeout(2500);
+    m_util.mysock_set_read_timeout(2999);
     start = monotonic_ms();
     EXPECT_EQ(m_util.mysock_readn(pair.b, buffer, 10, &m_noStop), vexa::MYSOCK_ERR_TIMEOUT);
-    EXPECT_GE(monotonic_ms() - start, 1900);
+    long long twoWaits = monotonic_ms() - start;
+    EXPECT_GE(twoWaits, 1900);
+    EXPECT_LT(twoWaits, 2700);
     EXPECT_EQ(lines(),
               (std::vector<std::string>{"mysock_readn select rc=-4", "mysock_readn select rc=-4"}));
 }
