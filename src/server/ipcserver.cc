@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 
@@ -106,7 +107,17 @@ int IPCServer::setupSocket() {
     addr.sin_port = htons(static_cast<uint16_t>(m_port));
     addr.sin_addr.s_addr = inet_addr(m_ip.c_str());
     m_logger->writeFormat("bind %s:%d", m_ip.c_str(), m_port);
-    if (bind(m_listenSocket, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == -1) {
+    int bound = -1;
+    if (addr.sin_addr.s_addr == INADDR_NONE && m_ip != "255.255.255.255") {
+        // inet_addr gives the broadcast address for a text it cannot parse
+        // (a host name such as "localhost"), and Linux lets a TCP socket bind
+        // it: the server would listen where no client can reach it. Such a
+        // text fails here as bind fails for an address that is not local.
+        errno = EADDRNOTAVAIL;
+    } else {
+        bound = bind(m_listenSocket, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
+    }
+    if (bound == -1) {
         m_logger->writeFormat("bind error=%s", m_sockUtil.mysock_strerror());
         comm::throw_failure();
     }
