@@ -285,9 +285,21 @@ void IPCServer::registerClient(int fd, const IPCMessage& msg, const std::string&
         // A second registration of the same pair, on this connection or
         // another, drops the connection it was registered on.
         m_logger->writeFormat("warning! CLIENT_IPC_CONFIG again! test_item=%d", msg.test_item);
-        closeClientSocket(previous.socket);
+        // The replaced connection may have ended earlier in this pass, and its
+        // number may already belong to a connection accepted since: only the
+        // connection that registered is closed, and only once.
+        bool stillOpen = false;
+        withSendLock(kSource, 384, 388, [&] {
+            stillOpen = socketStillOpen(previous.socket, previous.generation);
+            if (stillOpen) {
+                SocketUtil::mysock_close(previous.socket);
+                m_liveSockets.erase(previous.socket);
+            }
+        });
         m_logger->writeFormat("overwrite. remove socket=%d", previous.socket);
-        m_removeList.push_back(previous.socket);
+        if (stillOpen) {
+            m_removeList.push_back(previous.socket);
+        }
     }
     {
         comm::MutexGuard guard(m_clientLock.get(), kSource, 390, 392);
