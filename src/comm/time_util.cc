@@ -10,17 +10,13 @@ namespace {
 // output is cut.
 const size_t kFormatBufferSize = 1024;
 
-// Local calendar record of `seconds`. tzset first, so that a changed TZ is seen
-// just as localtime sees it, but without localtime's shared static record: the
-// logger stamps lines from many threads at once.
-std::tm local_now_tm(time_t seconds) {
-    std::tm tm{};
-    tzset();
-    localtime_r(&seconds, &tm);
-    return tm;
-}
-
+// Local calendar record of `seconds`. localtime_r rather than localtime: the
+// logger stamps lines from many threads at once, and localtime's record is one
+// shared static. The zone is loaded once, before the first conversion, under
+// the guard of a function-local static; a TZ changed later takes a tzset call.
 std::tm local_tm(time_t seconds) {
+    static const bool zoneLoaded = (tzset(), true);
+    (void)zoneLoaded;
     std::tm tm{};
     localtime_r(&seconds, &tm);
     return tm;
@@ -77,7 +73,7 @@ int get_time_of_day(timeval* tv) {
 }
 
 std::tm now_local_tm() {
-    return local_now_tm(time(nullptr));
+    return local_tm(time(nullptr));
 }
 
 double elapsed_ms(int64_t sec1, int64_t usec1, int64_t sec2, int64_t usec2) {
@@ -124,7 +120,7 @@ std::string now_stamp_with_format(const char* format) {
     if (format == nullptr)
         return std::string();
     PreciseTime t = precise_now();
-    std::tm tm = local_now_tm(static_cast<time_t>(t.seconds));
+    std::tm tm = local_tm(static_cast<time_t>(t.seconds));
     char buf[kFormatBufferSize];
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
@@ -136,7 +132,7 @@ std::string now_stamp_with_format(const char* format) {
 
 std::string now_file_stamp_ms() {
     PreciseTime t = precise_now();
-    std::tm tm = local_now_tm(static_cast<time_t>(t.seconds));
+    std::tm tm = local_tm(static_cast<time_t>(t.seconds));
     char buf[128];
     std::snprintf(buf, sizeof(buf), "%04d%02d%02d_%02d%02d%02d_%03d", tm.tm_year + 1900,
                   tm.tm_mon + 1, tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec,
@@ -150,7 +146,7 @@ std::string now_display_stamp_ms() {
 
 std::string now_clock_stamp_ms() {
     PreciseTime t = precise_now();
-    std::tm tm = local_now_tm(static_cast<time_t>(t.seconds));
+    std::tm tm = local_tm(static_cast<time_t>(t.seconds));
     char buf[64];
     std::snprintf(buf, sizeof(buf), "%02d:%02d:%02d.%03d", tm.tm_hour, tm.tm_min, tm.tm_sec,
                   static_cast<int>(t.millis));
@@ -158,7 +154,7 @@ std::string now_clock_stamp_ms() {
 }
 
 std::string display_stamp_ms(const PreciseTime& t) {
-    std::tm tm = local_now_tm(static_cast<time_t>(t.seconds));
+    std::tm tm = local_tm(static_cast<time_t>(t.seconds));
     char buf[128];
     std::snprintf(buf, sizeof(buf), "%04d/%02d/%02d %02d:%02d:%02d.%03d", tm.tm_year + 1900,
                   tm.tm_mon + 1, tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec,

@@ -1,5 +1,6 @@
 // Clock readings, conversions and the fixed date-time text formats of the
-// library. All calendar fields are local time.
+// library. All calendar fields are local time. Every function may be called from
+// any thread; the local zone is read once (call tzset after changing TZ).
 #ifndef VEXA_COMM_TIME_UTIL_H
 #define VEXA_COMM_TIME_UTIL_H
 
