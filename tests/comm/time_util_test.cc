@@ -1,0 +1,105 @@
+#include "comm/time_util.h"
+
+#include <memory>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "support/test_support.h"
+
+namespace {
+
+// Pins the local time zone for one test and restores the previous one.
+class ScopedTimeZone {
+  public:
+    explicit ScopedTimeZone(const char* zone) : m_env(new vexa_test::ScopedEnv("TZ", zone)) {
+        tzset();
+    }
+    ~ScopedTimeZone() {
+        m_env.reset();
+        tzset();
+    }
+
+  private:
+    std::unique_ptr<vexa_test::ScopedEnv> m_env;
+};
+
+timeval make_tv(time_t sec, suseconds_t usec) {
+    timeval tv{};
+    tv.tv_sec = sec;
+    tv.tv_usec = usec;
+    return tv;
+}
+
+const char kSixInts[] = "%d-%d-%d %d:%d:%d";
+
+TEST(TimeUtil, MillisecondsRoundWithCarry) {
+    ScopedTimeZone zone("UTC0");
+    // 2016-03-07 23:59:59 UTC.
+    const time_t lastSecond = 1457395199;
+    comm::PreciseTime t = comm::precise_time_from(make_tv(lastSecond, 999600));
+    EXPECT_EQ(comm::display_stamp_ms(t), "2016/03/08 00:00:00.000");
+    EXPECT_EQ(comm::display_stamp_ms(comm::precise_time_from(make_tv(lastSecond, 999499))),
+              "2016/03/07 23:59:59.999");
+    // Rounding here, truncation in the plain conversion.
+    EXPECT_EQ(comm::precise_time_from(make_tv(10, 1999)).millis, 2);
+    EXPECT_EQ(comm::timeval_to_ms(make_tv(10, 1999)), 10001u);
+}
+
+TEST(TimeUtil, Conversions) {
+    timeval tv = comm::ms_to_timeval(1500);
+    EXPECT_EQ(tv.tv_sec, 1);
+    EXPECT_EQ(tv.tv_usec, 500000);
+    EXPECT_EQ(comm::elapsed_ms(5, 0, 4, 999000), 1.0);
+    EXPECT_EQ(comm::elapsed_ms(4, 999000, 5, 0), -1.0);
+}
+
+TEST(TimeUtil, FormatAndParseInUtc) {
+    ScopedTimeZone zone("UTC0");
+    EXPECT_EQ(comm::format_time("%04d-%02d-%02d %02d:%02d:%02d", 0), "1970-01-01 00:00:00");
+    EXPECT_EQ(comm::format_time_ms("%d/%d/%d %d:%d:%d.%03d", 1457359509042ULL),
+              "2016/3/7 14:5:9.042");
+    EXPECT_EQ(comm::parse_time(kSixInts, "2016-3-7 14:05:09"), 1457359509);
+}
+
+TEST(TimeUtil, ParseTimeIsLocalAndZeroesMissingFields) {
+    ScopedTimeZone zone("CET-1CEST,M3.5.0,M10.5.0/3");
+    EXPECT_EQ(comm::parse_time(kSixInts, "2016-3-7 14:05:09"), 1457355909);  // UTC+1
+    EXPECT_EQ(comm::parse_time(kSixInts, "2016-7-1 12:00:00"), 1467367200);  // UTC+2
+    EXPECT_EQ(comm::parse_time(kSixInts, "2016-3-7"), 1457305200);           // midnight
+    EXPECT_EQ(comm::parse_time(kSixInts, "garbage"), comm::parse_time(kSixInts, "0-0-0 0:0:0"));
+}
+
+// '9' in `shape` stands for any digit, every other character for itself.
+bool has_shape(const std::string& text, const std::string& shape) {
+    if (text.size() != shape.size())
+        return false;
+    for (size_t i = 0; i < text.size(); ++i) {
+        bool digit = text[i] >= '0' && text[i] <= '9';
+        if (shape[i] == '9' ? !digit : text[i] != shape[i])
+            return false;
+    }
+    return true;
+}
+
+// The logger stamps lines from many threads; run under ThreadSanitizer too.
+TEST(TimeUtil, StampsFromManyThreads) {
+    std::vector<std::thread> threads;
+    std::vector<int> bad(4, 0);
+    for (size_t i = 0; i < bad.size(); ++i) {
+        threads.emplace_back([&bad, i] {
+            for (int n = 0; n < 300; ++n) {
+                bad[i] += !has_shape(comm::now_display_stamp_ms(), "9999/99/99 99:99:99.999");
+                bad[i] += !has_shape(comm::now_file_stamp(), "99999999_999999");
+                bad[i] += !has_shape(comm::now_stamp_with_format("%04d%02d%02d%02d%02d%02d|%03d"),
+                                     "99999999999999|999");
+            }
+        });
+    }
+    for (std::thread& t : threads)
+        t.join();
+    EXPECT_EQ(bad, std::vector<int>(4, 0));
+}
+
+}  // namespace
