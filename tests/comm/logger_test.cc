@@ -3,7 +3,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <regex>
+#include <cctype>
+#include <cstdio>
 #include <string>
 #include <thread>
 #include <vector>
@@ -20,6 +21,20 @@ using vexa_test::read_lines;
 using vexa_test::ScopedEnv;
 using vexa_test::TempDir;
 using vexa_test::write_file;
+
+// "YYYY/MM/DD hh:mm:ss.mmm " followed by `text`. (No std::regex: GCC 12 warns
+// falsely inside it in sanitizer builds.)
+bool is_stamped(const std::string& line, const std::string& text) {
+    const std::string shape = "dddd/dd/dd dd:dd:dd.ddd ";
+    if (line.size() != shape.size() + text.size())
+        return false;
+    for (size_t i = 0; i < shape.size(); ++i) {
+        bool digit = std::isdigit(static_cast<unsigned char>(line[i])) != 0;
+        if (shape[i] == 'd' ? !digit : line[i] != shape[i])
+            return false;
+    }
+    return line.compare(shape.size(), std::string::npos, text) == 0;
+}
 
 // Runs first in this binary: the default logger is made once per process.
 TEST(CommLog, FirstUseCreatesTheLogDirectoryAndQzcommLog) {
@@ -45,9 +60,11 @@ TEST(Logger, LineIsLocalStampBlankTextNewline) {
         logger.writeFormat("n=%d s=%s", 7, "x");
     }
     std::string content = read_file(path);
-    std::regex line(R"(\d{4}/\d\d/\d\d \d\d:\d\d:\d\d\.\d{3} plain text\n)"
-                    R"(\d{4}/\d\d/\d\d \d\d:\d\d:\d\d\.\d{3} n=7 s=x\n)");
-    EXPECT_TRUE(std::regex_match(content, line)) << content;
+    std::vector<std::string> lines = read_lines(path);
+    ASSERT_EQ(lines.size(), 2u) << content;
+    EXPECT_TRUE(is_stamped(lines[0], "plain text")) << lines[0];
+    EXPECT_TRUE(is_stamped(lines[1], "n=7 s=x")) << lines[1];
+    EXPECT_EQ(content.back(), '\n');
 }
 
 TEST(Logger, QzLogPrintZeroMakesNoFile) {
@@ -171,11 +188,16 @@ TEST(Logger, ConcurrentWritersNeverMixLines) {
         for (std::thread& w : writers)
             w.join();
     }
-    std::regex expected(R"(writer \d line \d+ abcdefghij)");
     std::vector<std::string> texts = log_texts(path);
     ASSERT_EQ(texts.size(), static_cast<size_t>(kThreads * kLines));
     for (const std::string& text : texts) {
-        ASSERT_TRUE(std::regex_match(text, expected)) << text;
+        int writer = -1;
+        int line = -1;
+        char tail[16] = {};
+        ASSERT_EQ(std::sscanf(text.c_str(), "writer %d line %d %15s", &writer, &line, tail), 3)
+            << text;
+        ASSERT_EQ(text, "writer " + std::to_string(writer) + " line " + std::to_string(line) +
+                            " abcdefghij");
     }
 }
 
