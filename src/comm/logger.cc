@@ -94,9 +94,18 @@ void Logger::writeFormat(const char* format, ...) {
     writeStamped(m_buffer);
 }
 
-// Called with m_lock held.
+// Called with m_lock held. The line is the stamp, a blank, the text and a
+// newline, as one fprintf("%s %s\n") would write it: the pieces go into the
+// stream's buffer under m_lock and reach the file together at the flush.
 void Logger::writeStamped(const char* text) {
-    std::fprintf(m_file, "%s %s\n", now_display_stamp_ms().c_str(), text);
+    PreciseTime now{};
+    get_precise_time(now);
+    char stamp[kDisplayStampBufferSize + 1];
+    size_t length = m_stamps.format(now, stamp);
+    stamp[length++] = ' ';
+    std::fwrite(stamp, 1, length, m_file);
+    std::fputs(text, m_file);
+    std::fputc('\n', m_file);
     if (g_logFlush) {
         std::fflush(m_file);
     }

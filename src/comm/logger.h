@@ -18,6 +18,8 @@
 #include <mutex>
 #include <string>
 
+#include "comm/time_util.h"
+
 #if defined(__GNUC__)
 #define VEXA_PRINTF_FORMAT(fmt, args) __attribute__((format(printf, fmt, args)))
 #else
@@ -59,6 +61,7 @@ class Logger {
     FILE* m_file;
     std::atomic<bool> m_enabled;  // set at open, read by every writer
     char* m_buffer;               // kLogBufferSize bytes, guarded by m_lock
+    DisplayStampCache m_stamps;   // guarded by m_lock
     std::mutex m_lock;
 };
 

@@ -1,7 +1,9 @@
 #include "comm/time_util.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <cstring>
 
 namespace comm {
 namespace {
@@ -160,6 +162,36 @@ std::string display_stamp_ms(const PreciseTime& t) {
                   tm.tm_mon + 1, tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec,
                   static_cast<int>(t.millis));
     return buf;
+}
+
+size_t DisplayStampCache::format(const PreciseTime& t, char* out) {
+    if (!m_valid || t.seconds != m_seconds) {
+        std::tm tm = local_tm(static_cast<time_t>(t.seconds));
+        int length = std::snprintf(m_prefix, sizeof(m_prefix), "%04d/%02d/%02d %02d:%02d:%02d",
+                                   tm.tm_year + 1900, tm.tm_mon + 1, tm.tm_mday, tm.tm_hour,
+                                   tm.tm_min, tm.tm_sec);
+        m_prefixLength = std::min(static_cast<size_t>(std::max(length, 0)), sizeof(m_prefix) - 1);
+        m_seconds = t.seconds;
+        m_valid = true;
+    }
+    // A stamp always fits (the longest year has 11 characters); the bound in
+    // the loop only guards the buffer.
+    char millis[8];
+    if (t.millis < 1000) {
+        millis[0] = '.';
+        millis[1] = static_cast<char>('0' + t.millis / 100);
+        millis[2] = static_cast<char>('0' + t.millis / 10 % 10);
+        millis[3] = static_cast<char>('0' + t.millis % 10);
+        millis[4] = '\0';
+    } else {
+        std::snprintf(millis, sizeof(millis), ".%03d", static_cast<int>(t.millis));
+    }
+    size_t length = m_prefixLength;
+    std::memcpy(out, m_prefix, length);
+    for (const char* c = millis; *c != '\0' && length < kDisplayStampBufferSize - 1; ++c)
+        out[length++] = *c;
+    out[length] = '\0';
+    return length;
 }
 
 std::string format_time(const char* format, int64_t seconds) {

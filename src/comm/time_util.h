@@ -46,6 +46,28 @@ std::string now_clock_stamp_ms();    // "%02d:%02d:%02d.%03d"
 // The log stamp of a given precise time.
 std::string display_stamp_ms(const PreciseTime& t);
 
+// Room for a log stamp and its NUL: 23 characters for years 0-9999, more for
+// others (a year is printed with at least four digits).
+constexpr size_t kDisplayStampBufferSize = 64;
+
+// Makes the same text as display_stamp_ms, without a calendar conversion for
+// every stamp: it keeps the "YYYY/MM/DD hh:mm:ss" part of the second it saw
+// last and converts again only when the second changes (either way: a clock
+// set back is converted afresh too). Not synchronised: one owner serialises
+// its calls (the Logger, under its line lock).
+class DisplayStampCache {
+  public:
+    // Writes the stamp of `t` and a NUL into `out` (kDisplayStampBufferSize
+    // bytes); returns the stamp's length.
+    size_t format(const PreciseTime& t, char* out);
+
+  private:
+    bool m_valid = false;
+    int64_t m_seconds = 0;
+    size_t m_prefixLength = 0;
+    char m_prefix[kDisplayStampBufferSize] = {};  // without the ".mmm"
+};
+
 // The caller's format gets year, month, day, hour, minute, second (and millisecond).
 std::string format_time(const char* format, int64_t seconds);
 std::string format_time_ms(const char* format, uint64_t ms);
