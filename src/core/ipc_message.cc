@@ -70,15 +70,31 @@ bool readMsgFromSocket(SocketUtil* util, int fd, IPCMessage* msg, comm::Logger* 
     return true;
 }
 
-bool writeMsgToSocket(SocketUtil* util, int fd, const char* block, int32_t len,
-                      comm::Logger* logger, const StopFlag* abort) {
-    int written = util->mysock_writen(fd, block, len, abort);
+namespace {
+
+bool writeResult(SocketUtil* util, int written, int32_t len, comm::Logger* logger) {
     if (written == len) {
         return true;
     }
     logger->writeFormat("writeMsgToSocket write msg failed. write_len=%d,error=%s", written,
                         util->mysock_strerror());
     return false;
+}
+
+}  // namespace
+
+bool writeMsgToSocket(SocketUtil* util, int fd, const char* block, int32_t len,
+                      comm::Logger* logger, const StopFlag* abort) {
+    return writeResult(util, util->mysock_writen(fd, block, len, abort), len, logger);
+}
+
+bool writeMsgToSocket(SocketUtil* util, int fd, const uint8_t* head, const void* body,
+                      int32_t bodyLen, comm::Logger* logger, const StopFlag* abort) {
+    // A body length outside 0..511999 never reaches here (the sender refuses it).
+    iovec pieces[2] = {{const_cast<uint8_t*>(head), IPC_HEAD_SIZE},
+                       {const_cast<void*>(body), bodyLen > 0 ? static_cast<size_t>(bodyLen) : 0}};
+    const int32_t len = IPC_HEAD_SIZE + (bodyLen > 0 ? bodyLen : 0);
+    return writeResult(util, util->mysock_writev(fd, pieces, 2, abort), len, logger);
 }
 
 }  // namespace vexa

@@ -63,6 +63,12 @@ bool readMsgFromSocket(SocketUtil* util, int fd, IPCMessage* msg, comm::Logger* 
 // Writes a complete message (head and body, `len` bytes) in one counted write.
 bool writeMsgToSocket(SocketUtil* util, int fd, const char* block, int32_t len,
                       comm::Logger* logger, const StopFlag* abort);
+// The same for a head of IPC_HEAD_SIZE bytes and a body of bodyLen bytes kept
+// apart: one vectored counted write of 100 + bodyLen bytes, with the result and
+// the failure line of the single-block form. The caller holds the send lock, so
+// the message goes out whole between other senders' messages.
+bool writeMsgToSocket(SocketUtil* util, int fd, const uint8_t* head, const void* body,
+                      int32_t bodyLen, comm::Logger* logger, const StopFlag* abort);
 
 }  // namespace vexa
 

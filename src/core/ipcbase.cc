@@ -2,8 +2,6 @@
 
 #include <sys/time.h>
 
-#include <cstring>
-
 #include "comm/file_util.h"
 #include "comm/string_util.h"
 #include "core/log_dir.h"
@@ -32,7 +30,6 @@ IPCBase::IPCBase(IPCCallback callback, void* user, const std::string& logFileNam
     m_logger->writeLine("++++++++++++START++++++++++++");
     m_logger->writeFormat("vexa_init_with_logger version=2016-06-19 log_flush=%d", flush ? 1 : 0);
 
-    m_sendBuffer.reset(new char[kSendBufferBytes]);
     m_recvBuffer.reset(new char[IPC_MAX_DATA_LEN]);
     m_sendLock.reset(comm::mutex_create());
 
@@ -46,7 +43,6 @@ IPCBase::IPCBase(IPCCallback callback, void* user, const std::string& logFileNam
 IPCBase::~IPCBase() {
     m_logger->writeLine("~IPCBase");
     m_logger.reset();
-    m_sendBuffer.reset();
     m_recvBuffer.reset();
     m_sendLock.reset();
 }
@@ -108,17 +104,14 @@ bool IPCBase::sendChecked(int fd, uint64_t token, const char* dev, int32_t testI
     if (!socketStillOpen(fd, token)) {
         return false;
     }
-    char* block = m_sendBuffer.get();
-    std::memcpy(block, head, IPC_HEAD_SIZE);
-    if (dataLen > 0) {
-        std::memcpy(block + IPC_HEAD_SIZE, data, static_cast<size_t>(dataLen));
-    }
     if (m_traceSendRecv) {
         m_logger->writeFormat("send dev=%s test_item=%d event_id=%d data_len=%d",
                               dev != nullptr ? dev : "", testItem, eventId, dataLen);
     }
-    return writeMsgToSocket(&m_sockUtil, fd, block, IPC_HEAD_SIZE + dataLen, m_logger.get(),
-                            &abort);
+    // Head and body go out in one vectored write, the body straight from the
+    // caller's bytes; holding the send lock across the whole write keeps the
+    // message in one piece on the wire.
+    return writeMsgToSocket(&m_sockUtil, fd, head, data, dataLen, m_logger.get(), &abort);
 }
 
 }  // namespace vexa

@@ -1,6 +1,6 @@
 // The endpoint base shared by the server and the client: its own log file,
 // the socket utility state, the callback, one processing thread that runs the
-// subclass's loop body, two message buffers and the locked send path.
+// subclass's loop body, the receive buffer and the locked send path.
 //
 // Lifecycle: construct, init() (setupSocket), start() (thread, onStart),
 // stop() (onStop, stop flag, join), destroy. Construction and set-up failures
@@ -50,8 +50,6 @@ namespace vexa {
 // Both callback types have the same parameters.
 using IPCCallback = ServerCallback;
 
-// Size of the send buffer: the head plus the largest accepted body.
-constexpr int kSendBufferBytes = IPC_HEAD_SIZE + kMaxBodyLength;
 // Log files are discarded at opening once they reach this size.
 constexpr int32_t kEndpointLogMaxSize = 8388608;
 
@@ -127,7 +125,6 @@ class IPCBase {
     std::atomic<bool> m_stop{false};
     comm::ThreadHandle* m_processThread = nullptr;
     std::atomic<bool> m_running{false};
-    std::unique_ptr<char[]> m_sendBuffer;  // guarded by m_sendLock
     std::unique_ptr<char[]> m_recvBuffer;  // processing thread only
     std::unique_ptr<comm::Mutex, MutexDeleter> m_sendLock;
 };

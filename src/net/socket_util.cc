@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstring>
 
@@ -99,23 +100,56 @@ int SocketUtil::mysock_writen(int fd, const void* buffer, int32_t len, const Sto
     if (len < 1) {
         return len;
     }
-    const char* position = static_cast<const char*>(buffer);
-    int32_t remaining = len;
+    iovec whole{const_cast<void*>(buffer), static_cast<size_t>(len)};
+    return mysock_writev(fd, &whole, 1, stop);
+}
+
+int SocketUtil::mysock_writev(int fd, const iovec* iov, int count, const StopFlag* stop) {
+    if (count < 0 || count > kMaxWritePieces) {
+        return MYSOCK_ERR_IO;
+    }
+    // A copy of the non-empty pieces, advanced past what has been sent.
+    iovec pieces[kMaxWritePieces];
+    int left = 0;
+    size_t total = 0;
+    for (int i = 0; i < count; ++i) {
+        if (iov[i].iov_len > 0) {
+            pieces[left++] = iov[i];
+            total += iov[i].iov_len;
+        }
+    }
+    if (total > static_cast<size_t>(INT32_MAX)) {
+        return MYSOCK_ERR_IO;
+    }
+    iovec* next = pieces;
+    size_t remaining = total;
     while (remaining > 0) {
         int rc = mysock_select(fd + 1, 0, m_writeTimeoutMs, stop);
         if (rc < 0) {
             log().writeFormat("mysock_writen mysock_select rc=%d", rc);
             return rc;
         }
+        msghdr message{};
+        message.msg_iov = next;
+        message.msg_iovlen = static_cast<decltype(message.msg_iovlen)>(left);
         // MSG_NOSIGNAL: a closed peer is an error result, even in a host
         // that handles SIGPIPE itself.
-        ssize_t written = ::send(fd, position, static_cast<size_t>(remaining), MSG_NOSIGNAL);
+        ssize_t written = ::sendmsg(fd, &message, MSG_NOSIGNAL);
         if (written == 0) {
             return 0;
         }
         if (written > 0) {
-            position += written;
-            remaining -= static_cast<int32_t>(written);
+            auto sent = static_cast<size_t>(written);
+            remaining -= sent;
+            while (left > 0 && sent >= next->iov_len) {
+                sent -= next->iov_len;
+                ++next;
+                --left;
+            }
+            if (left > 0) {
+                next->iov_base = static_cast<char*>(next->iov_base) + sent;
+                next->iov_len -= sent;
+            }
             continue;
         }
         int err = errno;
@@ -125,7 +159,7 @@ int SocketUtil::mysock_writen(int fd, const void* buffer, int32_t len, const Sto
             return MYSOCK_ERR_IO;
         }
     }
-    return len;
+    return static_cast<int>(total);
 }
 
 int SocketUtil::mysock_readn(int fd, void* buffer, int32_t len, const StopFlag* stop) {

@@ -8,6 +8,8 @@
 #ifndef VEXA_NET_SOCKET_UTIL_H
 #define VEXA_NET_SOCKET_UTIL_H
 
+#include <sys/uio.h>
+
 #include <atomic>
 #include <cstdint>
 
@@ -27,6 +29,9 @@ constexpr int MYSOCK_ERR_NOT_WRITABLE = -6;  // connect wait woke up without wri
 // A stop request: non-zero means give up. Only read, after a one-second wait
 // that saw nothing.
 using StopFlag = std::atomic<int>;
+
+// Most pieces one mysock_writev takes.
+constexpr int kMaxWritePieces = 8;
 
 // Default budget of each wait in mysock_readn / mysock_writen.
 constexpr int32_t kDefaultIoTimeoutMs = 30000;
@@ -59,6 +64,14 @@ class SocketUtil {
     // success; a length below 1 comes back unchanged; 0 when the write wrote
     // nothing; else -1 or a wait result.
     int mysock_writen(int fd, const void* buffer, int32_t len, const StopFlag* stop);
+    // mysock_writen of the block made by the `count` pieces of `iov` one after
+    // the other (at most kMaxWritePieces of them; empty pieces are skipped),
+    // without copying them together: each send is one sendmsg of what is left.
+    // The same waits, budget, log lines and results, the length being the
+    // pieces' total: that total on success, 0 for an empty block (no call)
+    // or a send that wrote nothing, else -1 or a wait result. MYSOCK_ERR_IO
+    // without a call for more pieces or a total above INT32_MAX.
+    int mysock_writev(int fd, const iovec* iov, int count, const StopFlag* stop);
     // Exactly `len` bytes, each wait with the full read budget. `len` on
     // success; 0 when the peer closed (even after part of the data); else -1
     // or a wait result. Logs the count on every completed read.

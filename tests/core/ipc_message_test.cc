@@ -162,6 +162,57 @@ TEST_F(FrameTest, LargestBodyTravelsWholeThroughTheFrameWriter) {
                                         "SocketUtil:mysock_readn want_datalen - nright=511999"}));
 }
 
+// The sender's form: head and body kept apart, written with one vectored
+// write, arrive as the same bytes as the single block.
+TEST_F(FrameTest, HeadAndBodyApartTravelAsOneMessage) {
+    ASSERT_GE(m_pair.a, 0);
+    const int32_t largest = IPC_MAX_DATA_LEN - 1;
+    const std::string headBytes = head("apart", 3, 77, 5, 6, largest);
+    const std::string bodyBytes = body(largest);
+    SocketUtil writerUtil;
+    comm::Logger writerLog(m_tmp.file("writer.log"), true, true, true, 0);
+    writerUtil.mysock_init_with_logger(&writerLog);
+    bool written = false;
+    std::thread writer([&] {
+        written = vexa::writeMsgToSocket(&writerUtil, m_pair.a,
+                                         reinterpret_cast<const uint8_t*>(headBytes.data()),
+                                         bodyBytes.data(), largest, &writerLog, &m_stop);
+        // And one without a body: only the head travels.
+        const std::string empty = head("apart", 3, 78, 5, 6, 0);
+        written = written && vexa::writeMsgToSocket(&writerUtil, m_pair.a,
+                                                    reinterpret_cast<const uint8_t*>(empty.data()),
+                                                    nullptr, 0, &writerLog, &m_stop);
+    });
+    bool read = readOne();
+    ASSERT_TRUE(read);
+    EXPECT_EQ(m_msg.event_id, 77);
+    EXPECT_EQ(m_msg.data_len, largest);
+    EXPECT_TRUE(std::memcmp(m_msg.data, bodyBytes.data(), largest) == 0);
+    read = readOne();
+    writer.join();
+    EXPECT_TRUE(written);
+    ASSERT_TRUE(read);
+    EXPECT_EQ(m_msg.event_id, 78);
+    EXPECT_EQ(m_msg.data_len, 0);
+    EXPECT_EQ(log_texts(m_tmp.file("writer.log")),
+              std::vector<std::string>{"SocketUtil:mysock_init_with_logger"});
+}
+
+TEST_F(FrameTest, FailedWriteOfHeadAndBodyIsLoggedWithTheCountAndTheError) {
+    SocketPair gone;
+    ASSERT_GE(gone.a, 0);
+    close(gone.b);
+    gone.b = -1;
+    const std::string headBytes = head("d", 1, 1, 0, 0, 3);
+    EXPECT_FALSE(vexa::writeMsgToSocket(&m_util, gone.a,
+                                        reinterpret_cast<const uint8_t*>(headBytes.data()), "abc",
+                                        3, &m_logger, &m_stop));
+    const std::string error = std::string(std::strerror(EPIPE)) + "(" + std::to_string(EPIPE) + ")";
+    EXPECT_EQ(lines(), (std::vector<std::string>{
+                           "mysock_writen send nwritten=-1 error=" + error,
+                           "writeMsgToSocket write msg failed. write_len=-1,error=" + error}));
+}
+
 TEST_F(FrameTest, OversizedLengthIsRefusedWithALineAndNegativeSilently) {
     ASSERT_GE(m_pair.a, 0);
     send(head("d", 1, 1, 0, 0, 512000) + "body that is never read");
