@@ -101,6 +101,14 @@ int64_t now_ns() {
         .count();
 }
 
+// User and system CPU time of this process, all threads.
+double cpu_seconds_self() {
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+           static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
+}
+
 double percentile(std::vector<double> values, double fraction) {
     if (values.empty())
         return 0.0;
@@ -128,12 +136,15 @@ struct RttResult {
     double medianUs = 0;
     double p99Us = 0;
     size_t samples = 0;
+    double cpuUs = 0;  // CPU time of the whole process per round trip
 };
 
 struct TputResult {
     bool ok = false;
     double msgsPerSec = 0;
     double mbPerSec = 0;  // head and body bytes, 10^6 per MB
+    uint64_t messages = 0;
+    double cpuUs = 0;  // CPU time of the whole process per message
 };
 
 // All rounds of one transport at one size.
@@ -411,6 +422,7 @@ class LibraryRig {
         }
         const double seconds = static_cast<double>(m_host.endAt - start) / 1e9;
         result.ok = m_host.received == sent && m_host.endCount == sent;
+        result.messages = m_host.received;
         result.msgsPerSec = static_cast<double>(m_host.received) / seconds;
         result.mbPerSec = static_cast<double>(m_host.received) * (kHeadSize + size) / seconds / 1e6;
         return result;
@@ -610,6 +622,7 @@ TputResult raw_one_way(int32_t size, int durationMs) {
     close(test);
     const double seconds = static_cast<double>(endAt - start) / 1e9;
     result.ok = ok && endAt != 0 && received == sent && endCount == sent;
+    result.messages = received;
     result.msgsPerSec = static_cast<double>(received) / seconds;
     result.mbPerSec = static_cast<double>(received) * (kHeadSize + size) / seconds / 1e6;
     return result;
@@ -771,6 +784,7 @@ TputResult zmq_one_way(int32_t size, int durationMs) {
     pair.close();
     const double seconds = static_cast<double>(endAt - start) / 1e9;
     result.ok = ok && endAt != 0 && received == sent && endCount == sent;
+    result.messages = received;
     result.msgsPerSec = static_cast<double>(received) / seconds;
     result.mbPerSec = static_cast<double>(received) * (kHeadSize + size) / seconds / 1e6;
     return result;
@@ -796,13 +810,6 @@ int run_idle_client(const char* addr, const char* dev) {
     }
     ipc_uninit_client(client);
     return 0;
-}
-
-double cpu_seconds_self() {
-    rusage usage{};
-    getrusage(RUSAGE_SELF, &usage);
-    return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
-           static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
 }
 
 // CPU seconds of another process, from /proc (clock-tick resolution).
@@ -952,6 +959,12 @@ double rtt_p99(const Transport* t, int32_t size) {
 double tput_msgs(const Transport* t, int32_t size) {
     return agg(results_of(t, size).tput, [](const TputResult& r) { return r.msgsPerSec; });
 }
+double rtt_cpu(const Transport* t, int32_t size) {
+    return agg(results_of(t, size).rtt, [](const RttResult& r) { return r.cpuUs; });
+}
+double tput_cpu(const Transport* t, int32_t size) {
+    return agg(results_of(t, size).tput, [](const TputResult& r) { return r.cpuUs; });
+}
 double tput_mb(const Transport* t, int32_t size) {
     return agg(results_of(t, size).tput, [](const TputResult& r) { return r.mbPerSec; });
 }
@@ -1013,6 +1026,22 @@ void print_report(const std::vector<Transport>& transports, const Settings& sett
                 fixed(tput_msgs(&t, size), 0) + " msg/s, " + fixed(tput_mb(&t, size), 1) + " MB/s";
             if (&t != raw)
                 cell += " (" + ratio(tput_msgs(&t, size), tput_msgs(raw, size)) + ")";
+            std::printf(" %s |", cell.c_str());
+        }
+        std::printf("\n");
+    }
+
+    std::printf(
+        "\nCPU time per operation, microseconds of user and system time of the whole "
+        "process (both sides): round trip / one-way message (ratios to raw TCP)\n\n");
+    print_table_head();
+    for (const Transport& t : transports) {
+        std::printf("| %s |", t.name.c_str());
+        for (int32_t size : g_sizes) {
+            std::string cell = fixed(rtt_cpu(&t, size), 1) + " / " + fixed(tput_cpu(&t, size), 2);
+            if (&t != raw)
+                cell += " (" + ratio(rtt_cpu(&t, size), rtt_cpu(raw, size)) + ", " +
+                        ratio(tput_cpu(&t, size), tput_cpu(raw, size)) + ")";
             std::printf(" %s |", cell.c_str());
         }
         std::printf("\n");
@@ -1087,20 +1116,28 @@ constexpr size_t kMaxSamples = 200000;
 void run_cases(Transport& t, const RttFn& rtt, const TputFn& tput, const Settings& s) {
     for (int32_t size : g_sizes) {
         rtt(size, s.warmupMs, kMaxSamples);
+        const double cpuBefore = cpu_seconds_self();
         RttResult r = rtt(size, s.caseMs, kMaxSamples);
+        if (r.samples > 0)
+            r.cpuUs = (cpu_seconds_self() - cpuBefore) * 1e6 / static_cast<double>(r.samples);
         t.results[size].rtt.push_back(r);
         progress(t.name, "round trip", size,
                  r.ok ? fixed(r.medianUs, 1) + " us median, " + fixed(r.p99Us, 1) + " us p99, " +
-                            std::to_string(r.samples) + " samples"
+                            std::to_string(r.samples) + " samples, " + fixed(r.cpuUs, 1) +
+                            " us CPU each"
                       : "FAILED");
     }
     for (int32_t size : g_sizes) {
         tput(size, s.warmupMs);
+        const double cpuBefore = cpu_seconds_self();
         TputResult r = tput(size, s.caseMs);
+        if (r.messages > 0)
+            r.cpuUs = (cpu_seconds_self() - cpuBefore) * 1e6 / static_cast<double>(r.messages);
         t.results[size].tput.push_back(r);
-        progress(
-            t.name, "one way", size,
-            r.ok ? fixed(r.msgsPerSec, 0) + " msg/s, " + fixed(r.mbPerSec, 1) + " MB/s" : "FAILED");
+        progress(t.name, "one way", size,
+                 r.ok ? fixed(r.msgsPerSec, 0) + " msg/s, " + fixed(r.mbPerSec, 1) + " MB/s, " +
+                            fixed(r.cpuUs, 2) + " us CPU each"
+                      : "FAILED");
     }
 }
 
