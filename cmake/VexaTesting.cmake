@@ -42,6 +42,10 @@ function(vexa_add_test name)
         target_link_libraries(${name} PRIVATE vexa_test_main vexatool_core)
     endif()
     target_link_libraries(${name} PRIVATE GTest::gtest vexa_warnings ${T_LIBS})
+    # Programs a test launches itself must go through the emulator in a cross
+    # build: tests use VEXA_TEST_EMULATOR as the launch prefix ("" natively).
+    list(JOIN CMAKE_CROSSCOMPILING_EMULATOR " " emulator)
+    target_compile_definitions(${name} PRIVATE VEXA_TEST_EMULATOR="${emulator}")
     add_test(NAME ${name} COMMAND ${name})
     set_tests_properties(${name} PROPERTIES TIMEOUT ${T_TIMEOUT})
 endfunction()

@@ -155,13 +155,15 @@ bool IPCClient::processOnce() {
         alignas(int32_t) char reason[sizeof(int32_t) + 1] = {};
         const int32_t code = IPC_ERR_SERVER_CLOSED;
         std::memcpy(reason, &code, sizeof(code));
+        // Closed before the callback hears of it, so that a send made from the
+        // callback or right after it fails instead of reaching a dead peer.
+        m_canClose = true;
+        closeSocket();
         if (hasCallback()) {
             callBack(m_testItem, CLIENT_IPC_DISCONNECTED, m_dev.c_str(),
                      static_cast<int32_t>(now.tv_sec), static_cast<int32_t>(now.tv_usec), reason,
                      static_cast<int32_t>(sizeof(code)));
         }
-        m_canClose = true;
-        closeSocket();
         return false;
     }
 

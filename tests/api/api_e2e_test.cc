@@ -238,7 +238,8 @@ TEST(Api, LaunchedProgramsCloseOrGoOffline) {
     std::string address = make_address();
     void* server = ipc_init_server(address.c_str(), &Recorder::callback, &host);
     ASSERT_NE(server, nullptr);
-    ipc_set_su_file_path(server, "", "");  // start the programs directly
+    // Start the programs directly (through the emulator in a cross build).
+    ipc_set_su_file_path(server, VEXA_TEST_EMULATOR, "");
     ASSERT_TRUE(ipc_run_test(server, VEXA_API_PEER, "leaver", nullptr));
     ASSERT_TRUE(ipc_run_test(server, VEXA_API_PEER, "dier", "--unused extra"));
     ASSERT_TRUE(host.waitFor(CLIENT_IPC_CONFIG, nullptr, 0));
