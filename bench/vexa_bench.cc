@@ -85,8 +85,8 @@ std::vector<int32_t> g_sizes = {0, 1024, 65536, kBiggestBody};
 // ---- settings ----
 
 struct Settings {
-    int rounds = 3;
-    int caseMs = 700;          // measured time of one case
+    int rounds = 5;
+    int caseMs = 400;          // measured time of one case
     int warmupMs = 100;        // unmeasured time before it
     double idleSeconds = 5.0;  // length of each idle measurement
     bool idle = true;
@@ -339,6 +339,10 @@ class LibraryRig {
   public:
     bool open(bool logsOn) {
         set_logs(logsOn);
+        {
+            std::lock_guard<std::mutex> guard(m_host.lock);
+            m_host.registered = 0;
+        }
         for (int attempt = 0; attempt < 5 && m_host.server == nullptr; ++attempt) {
             m_port = free_port();
             const std::string addr = "tcp://:" + std::to_string(m_port);
@@ -362,7 +366,6 @@ class LibraryRig {
         if (m_host.server != nullptr)
             ipc_uninit_server(m_host.server);
         m_host.server = nullptr;
-        remove_logs();
     }
 
     RttResult roundTrip(int32_t size, int durationMs, size_t maxSamples) {
@@ -925,10 +928,18 @@ IdleResult measure_idle(const std::string& self, bool logsOn, double seconds) {
 
 enum class Role { kBaseline, kLibraryOff, kLibraryOn, kOther };
 
+using RttFn = std::function<RttResult(int32_t, int, size_t)>;
+using TputFn = std::function<TputResult(int32_t, int)>;
+
 struct Transport {
     std::string name;
     Role role = Role::kOther;
-    std::function<bool(Transport&)> run;  // one round of every case
+    RttFn rtt;
+    TputFn tput;
+    std::function<bool()> open;   // before each round (may be empty)
+    std::function<void()> close;  // after it (may be empty)
+    // One entry per round and size, failed ones included, so that the rounds
+    // of two transports line up.
     std::map<int32_t, CaseResults> results;
 };
 
@@ -975,8 +986,38 @@ std::string fixed(double value, int decimals) {
     return text;
 }
 
-std::string ratio(double value, double base) {
-    return base > 0 && value > 0 ? fixed(value / base, 2) + "x" : "n/a";
+// The median over the rounds of value(t) / value(base), each pair measured
+// within seconds of each other: on a shared machine the speed drifts, and a
+// ratio of two figures taken far apart would mostly show the drift.
+template <typename T, typename Get>
+double paired(const std::vector<T>& mine, const std::vector<T>& theirs, Get get) {
+    std::vector<double> ratios;
+    for (size_t i = 0; i < mine.size() && i < theirs.size(); ++i) {
+        if (mine[i].ok && theirs[i].ok && get(theirs[i]) > 0)
+            ratios.push_back(get(mine[i]) / get(theirs[i]));
+    }
+    return ratios.empty() ? 0.0 : median(ratios);
+}
+
+double rtt_ratio(const Transport* t, const Transport* base, int32_t size) {
+    return paired(results_of(t, size).rtt, results_of(base, size).rtt,
+                  [](const RttResult& r) { return r.medianUs; });
+}
+double tput_ratio(const Transport* t, const Transport* base, int32_t size) {
+    return paired(results_of(t, size).tput, results_of(base, size).tput,
+                  [](const TputResult& r) { return r.msgsPerSec; });
+}
+double rtt_cpu_ratio(const Transport* t, const Transport* base, int32_t size) {
+    return paired(results_of(t, size).rtt, results_of(base, size).rtt,
+                  [](const RttResult& r) { return r.cpuUs; });
+}
+double tput_cpu_ratio(const Transport* t, const Transport* base, int32_t size) {
+    return paired(results_of(t, size).tput, results_of(base, size).tput,
+                  [](const TputResult& r) { return r.cpuUs; });
+}
+
+std::string times(double r) {
+    return r > 0 ? fixed(r, 2) + "x" : "n/a";
 }
 
 const Transport* find_role(const std::vector<Transport>& transports, Role role) {
@@ -1009,7 +1050,7 @@ void print_report(const std::vector<Transport>& transports, const Settings& sett
         for (int32_t size : g_sizes) {
             std::string cell = fixed(rtt_median(&t, size), 1) + " / " + fixed(rtt_p99(&t, size), 1);
             if (&t != raw)
-                cell += " (" + ratio(rtt_median(&t, size), rtt_median(raw, size)) + ")";
+                cell += " (" + times(rtt_ratio(&t, raw, size)) + ")";
             std::printf(" %s |", cell.c_str());
         }
         std::printf("\n");
@@ -1017,7 +1058,7 @@ void print_report(const std::vector<Transport>& transports, const Settings& sett
 
     std::printf(
         "\nOne-way throughput test -> host: messages/s, MB/s of head and body "
-        "(ratio to raw TCP)\n\n");
+        "(ratio to raw TCP, paired by round)\n\n");
     print_table_head();
     for (const Transport& t : transports) {
         std::printf("| %s |", t.name.c_str());
@@ -1025,7 +1066,7 @@ void print_report(const std::vector<Transport>& transports, const Settings& sett
             std::string cell =
                 fixed(tput_msgs(&t, size), 0) + " msg/s, " + fixed(tput_mb(&t, size), 1) + " MB/s";
             if (&t != raw)
-                cell += " (" + ratio(tput_msgs(&t, size), tput_msgs(raw, size)) + ")";
+                cell += " (" + times(tput_ratio(&t, raw, size)) + ")";
             std::printf(" %s |", cell.c_str());
         }
         std::printf("\n");
@@ -1040,8 +1081,8 @@ void print_report(const std::vector<Transport>& transports, const Settings& sett
         for (int32_t size : g_sizes) {
             std::string cell = fixed(rtt_cpu(&t, size), 1) + " / " + fixed(tput_cpu(&t, size), 2);
             if (&t != raw)
-                cell += " (" + ratio(rtt_cpu(&t, size), rtt_cpu(raw, size)) + ", " +
-                        ratio(tput_cpu(&t, size), tput_cpu(raw, size)) + ")";
+                cell += " (" + times(rtt_cpu_ratio(&t, raw, size)) + ", " +
+                        times(tput_cpu_ratio(&t, raw, size)) + ")";
             std::printf(" %s |", cell.c_str());
         }
         std::printf("\n");
@@ -1062,22 +1103,22 @@ void print_report(const std::vector<Transport>& transports, const Settings& sett
         for (int32_t size : {0, 1024}) {
             if (results_of(off, size).rtt.empty())
                 continue;
-            double r = rtt_median(off, size) / rtt_median(raw, size);
+            double r = rtt_ratio(off, raw, size);
             check("round-trip median, logs off / raw TCP, " + size_name(size), r, r <= 1.5,
                   "<= 1.5");
         }
         for (int32_t size : {65536, kBiggestBody}) {
             if (results_of(off, size).rtt.empty())
                 continue;
-            double r = tput_msgs(off, size) / tput_msgs(raw, size);
+            double r = tput_ratio(off, raw, size);
             check("throughput, logs off / raw TCP, " + size_name(size), r, r >= 0.8, ">= 0.8");
         }
         for (int32_t size : g_sizes) {
-            double r = rtt_median(on, size) / rtt_median(off, size);
+            double r = rtt_ratio(on, off, size);
             check("round-trip median, logs on / logs off, " + size_name(size), r, r <= 2.0, "<= 2");
         }
         for (int32_t size : g_sizes) {
-            double r = tput_msgs(off, size) / tput_msgs(on, size);
+            double r = tput_ratio(off, on, size);
             check("throughput, logs off / logs on, " + size_name(size), r, r <= 2.0, "<= 2");
         }
         std::printf("\n%d of the targets missed\n", missed);
@@ -1108,54 +1149,65 @@ void print_report(const std::vector<Transport>& transports, const Settings& sett
 
 // ---- driver ----
 
-using RttFn = std::function<RttResult(int32_t, int, size_t)>;
-using TputFn = std::function<TputResult(int32_t, int)>;
-
 constexpr size_t kMaxSamples = 200000;
 
-void run_cases(Transport& t, const RttFn& rtt, const TputFn& tput, const Settings& s) {
-    for (int32_t size : g_sizes) {
-        rtt(size, s.warmupMs, kMaxSamples);
-        const double cpuBefore = cpu_seconds_self();
-        RttResult r = rtt(size, s.caseMs, kMaxSamples);
-        if (r.samples > 0)
-            r.cpuUs = (cpu_seconds_self() - cpuBefore) * 1e6 / static_cast<double>(r.samples);
-        t.results[size].rtt.push_back(r);
-        progress(t.name, "round trip", size,
-                 r.ok ? fixed(r.medianUs, 1) + " us median, " + fixed(r.p99Us, 1) + " us p99, " +
-                            std::to_string(r.samples) + " samples, " + fixed(r.cpuUs, 1) +
-                            " us CPU each"
-                      : "FAILED");
-    }
-    for (int32_t size : g_sizes) {
-        tput(size, s.warmupMs);
-        const double cpuBefore = cpu_seconds_self();
-        TputResult r = tput(size, s.caseMs);
-        if (r.messages > 0)
-            r.cpuUs = (cpu_seconds_self() - cpuBefore) * 1e6 / static_cast<double>(r.messages);
-        t.results[size].tput.push_back(r);
-        progress(t.name, "one way", size,
-                 r.ok ? fixed(r.msgsPerSec, 0) + " msg/s, " + fixed(r.mbPerSec, 1) + " MB/s, " +
-                            fixed(r.cpuUs, 2) + " us CPU each"
-                      : "FAILED");
-    }
+void run_round_trip(Transport& t, int32_t size, const Settings& s) {
+    t.rtt(size, s.warmupMs, kMaxSamples);
+    const double cpuBefore = cpu_seconds_self();
+    RttResult r = t.rtt(size, s.caseMs, kMaxSamples);
+    if (r.samples > 0)
+        r.cpuUs = (cpu_seconds_self() - cpuBefore) * 1e6 / static_cast<double>(r.samples);
+    t.results[size].rtt.push_back(r);
+    progress(t.name, "round trip", size,
+             r.ok
+                 ? fixed(r.medianUs, 1) + " us median, " + fixed(r.p99Us, 1) + " us p99, " +
+                       std::to_string(r.samples) + " samples, " + fixed(r.cpuUs, 1) + " us CPU each"
+                 : "FAILED");
 }
 
-bool run_library(Transport& t, bool logsOn, const Settings& s) {
-    LibraryRig rig;
-    if (!rig.open(logsOn)) {
-        std::fprintf(stderr, "could not start a server and a client on 127.0.0.1\n");
-        rig.close();
-        return false;
+void run_one_way(Transport& t, int32_t size, const Settings& s) {
+    t.tput(size, s.warmupMs);
+    const double cpuBefore = cpu_seconds_self();
+    TputResult r = t.tput(size, s.caseMs);
+    if (r.messages > 0)
+        r.cpuUs = (cpu_seconds_self() - cpuBefore) * 1e6 / static_cast<double>(r.messages);
+    t.results[size].tput.push_back(r);
+    progress(t.name, "one way", size,
+             r.ok ? fixed(r.msgsPerSec, 0) + " msg/s, " + fixed(r.mbPerSec, 1) + " MB/s, " +
+                        fixed(r.cpuUs, 2) + " us CPU each"
+                  : "FAILED");
+}
+
+// One round: every transport at every size, the transports one after the
+// other for each size, so that the figures compared are taken close together.
+bool run_round(std::vector<Transport>& transports, const Settings& s) {
+    bool ok = true;
+    for (Transport& t : transports) {
+        if (t.open && !t.open()) {
+            std::fprintf(stderr, "%s: could not start on 127.0.0.1\n", t.name.c_str());
+            ok = false;
+        }
     }
-    run_cases(
-        t, [&](int32_t size, int ms, size_t max) { return rig.roundTrip(size, ms, max); },
-        [&](int32_t size, int ms) { return rig.oneWay(size, ms); }, s);
-    if (logsOn)
-        std::fprintf(stderr, "  (endpoint logs written: %.1f MB)\n",
-                     static_cast<double>(log_bytes()) / 1e6);
-    rig.close();
-    return true;
+    for (int32_t size : g_sizes) {
+        for (Transport& t : transports) {
+            if (ok)
+                run_round_trip(t, size, s);
+        }
+    }
+    for (int32_t size : g_sizes) {
+        for (Transport& t : transports) {
+            if (ok)
+                run_one_way(t, size, s);
+        }
+    }
+    std::fprintf(stderr, "  (endpoint logs written this round: %.1f MB)\n",
+                 static_cast<double>(log_bytes()) / 1e6);
+    for (Transport& t : transports) {
+        if (t.close)
+            t.close();
+    }
+    remove_logs();
+    return ok;
 }
 
 void usage() {
@@ -1235,29 +1287,42 @@ int main(int argc, char** argv) {
     signal(SIGPIPE, SIG_IGN);
     body_bytes();
 
-    auto raw = [&settings](bool libraryBuffers) {
-        return [&settings, libraryBuffers](Transport& t) {
+    auto raw = [](bool libraryBuffers) {
+        return [libraryBuffers](int32_t size, int ms, size_t max) {
             g_rawLibraryBuffers = libraryBuffers;
-            run_cases(t, raw_round_trip, raw_one_way, settings);
-            return true;
+            return raw_round_trip(size, ms, max);
         };
     };
-    auto library = [&settings](bool logsOn) {
-        return [&settings, logsOn](Transport& t) { return run_library(t, logsOn, settings); };
+    auto rawOneWay = [](bool libraryBuffers) {
+        return [libraryBuffers](int32_t size, int ms) {
+            g_rawLibraryBuffers = libraryBuffers;
+            return raw_one_way(size, ms);
+        };
+    };
+    // Both library rigs are open through a round: the marker file is looked
+    // at only when an endpoint is made, so the two keep their log settings.
+    LibraryRig rigLogsOff;
+    LibraryRig rigLogsOn;
+    auto library = [](LibraryRig* rig, bool on, Role role, const char* name) {
+        Transport t;
+        t.name = name;
+        t.role = role;
+        t.rtt = [rig](int32_t size, int ms, size_t max) { return rig->roundTrip(size, ms, max); };
+        t.tput = [rig](int32_t size, int ms) { return rig->oneWay(size, ms); };
+        t.open = [rig, on] { return rig->open(on); };
+        t.close = [rig] { rig->close(); };
+        return t;
     };
     std::vector<Transport> transports;
-    transports.push_back({"raw TCP (baseline)", Role::kBaseline, raw(false), {}});
-    transports.push_back({"raw TCP, library's buffer sizes", Role::kOther, raw(true), {}});
-    transports.push_back({"vexatool, logs off", Role::kLibraryOff, library(false), {}});
-    transports.push_back({"vexatool, logs on", Role::kLibraryOn, library(true), {}});
+    transports.push_back(
+        {"raw TCP (baseline)", Role::kBaseline, raw(false), rawOneWay(false), {}, {}, {}});
+    transports.push_back(
+        {"raw TCP, library's buffer sizes", Role::kOther, raw(true), rawOneWay(true), {}, {}, {}});
+    transports.push_back(library(&rigLogsOff, false, Role::kLibraryOff, "vexatool, logs off"));
+    transports.push_back(library(&rigLogsOn, true, Role::kLibraryOn, "vexatool, logs on"));
 #ifdef VEXA_BENCH_HAVE_ZMQ
-    transports.push_back({"ZeroMQ REQ/REP, PUSH/PULL",
-                          Role::kOther,
-                          [&settings](Transport& t) {
-                              run_cases(t, zmq_round_trip, zmq_one_way, settings);
-                              return true;
-                          },
-                          {}});
+    transports.push_back(
+        {"ZeroMQ REQ/REP, PUSH/PULL", Role::kOther, zmq_round_trip, zmq_one_way, {}, {}, {}});
 #endif
     transports.erase(std::remove_if(transports.begin(), transports.end(),
                                     [&](const Transport& t) {
@@ -1268,8 +1333,7 @@ int main(int argc, char** argv) {
     bool ok = true;
     for (int round = 1; round <= settings.rounds && ok; ++round) {
         std::fprintf(stderr, "round %d of %d\n", round, settings.rounds);
-        for (Transport& t : transports)
-            ok = ok && t.run(t);
+        ok = run_round(transports, settings);
     }
 
     std::vector<IdleResult> idle;
