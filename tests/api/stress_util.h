@@ -113,6 +113,14 @@ inline long heap_in_use_kib() {
 #endif
 }
 
+// Gives the free memory the C library's allocator keeps (of every thread's
+// arena) back to the system, where it can.
+inline void trim_heap() {
+#if defined(__GLIBC__)
+    malloc_trim(0);
+#endif
+}
+
 // Memory figures mean little under a sanitizer's or valgrind's allocator.
 inline bool foreign_allocator() {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
