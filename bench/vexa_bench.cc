@@ -1042,8 +1042,8 @@ void print_report(const std::vector<Transport>& transports, const Settings& sett
                   const std::vector<IdleResult>& idle) {
     const Transport* raw = find_role(transports, Role::kBaseline);
     std::printf(
-        "\nRound trip host -> test -> host, microseconds: median / p99 (median as a "
-        "ratio of raw TCP's)\n\n");
+        "\nRound trip host -> test -> host, microseconds: median / p99 (median as a ratio "
+        "of raw TCP's, paired by round)\n\n");
     print_table_head();
     for (const Transport& t : transports) {
         std::printf("| %s |", t.name.c_str());
@@ -1074,7 +1074,8 @@ void print_report(const std::vector<Transport>& transports, const Settings& sett
 
     std::printf(
         "\nCPU time per operation, microseconds of user and system time of the whole "
-        "process (both sides): round trip / one-way message (ratios to raw TCP)\n\n");
+        "process (both sides): round trip / one-way message (ratios to raw TCP, paired by "
+        "round)\n\n");
     print_table_head();
     for (const Transport& t : transports) {
         std::printf("| %s |", t.name.c_str());
@@ -1143,7 +1144,7 @@ void print_report(const std::vector<Transport>& transports, const Settings& sett
     }
     std::printf(
         "\nSettings: %d round(s) of %d ms per case after %d ms of warm-up; figures are "
-        "the median over the rounds.\n",
+        "the median over the rounds, ratios the median of the rounds' ratios.\n",
         settings.rounds, settings.caseMs, settings.warmupMs);
 }
 
