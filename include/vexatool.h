@@ -78,18 +78,17 @@ VEXA_API void ipc_uninit_server(void* server);
  * " -d <d_value>" and the extra arguments when given. False when server or test is
  * null, otherwise true (the test proves itself by registering). */
 VEXA_API bool ipc_run_test(void* server, const char* test, const char* d_value,
-                          const char* extra_args);
+                           const char* extra_args);
 /* Sends one message to the client registered under dev and test_item (a null
  * dev counts as ""). Nothing happens for a negative length. */
-VEXA_API void ipc_send_command(void* server, const char* dev, int32_t test_item,
-                               int32_t event_id, const void* data, int32_t data_len);
+VEXA_API void ipc_send_command(void* server, const char* dev, int32_t test_item, int32_t event_id,
+                               const void* data, int32_t data_len);
 /* Waits until 500 ms have passed since the last test program was started. */
 VEXA_API void ipc_kill_client(void* server);
 /* Sets the prefix that starts test programs (default "su -c"; "" starts them
  * directly) and a shell command run before them inside it. All three must be
  * non-null. */
-VEXA_API void ipc_set_su_file_path(void* server, const char* su_file_path,
-                                   const char* su_pre_cmd);
+VEXA_API void ipc_set_su_file_path(void* server, const char* su_file_path, const char* su_pre_cmd);
 
 /* ---- Client half (test program) ---- */
 
@@ -104,8 +103,7 @@ VEXA_API void* ipc_init_client2(const char* serv_path, ClientCallback callback, 
                                 const char* dev, int32_t test_item, int32_t connect_timeout_ms);
 /* Sends one message to the server. False for a null handle, a negative or too
  * large length, or a connection that is gone. */
-VEXA_API bool ipc_send_message(void* client, int32_t event_id, const void* data,
-                              int32_t data_len);
+VEXA_API bool ipc_send_message(void* client, int32_t event_id, const void* data, int32_t data_len);
 /* Asks the server to close (waits up to 2000 ms for its answer), stops the
  * receiving thread and destroys the client. */
 VEXA_API void ipc_uninit_client(void* client);
