@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -23,20 +24,24 @@
 namespace vexa_test {
 namespace {
 
-std::string make_temp_dir(const std::string& parent, const char* prefix) {
+std::string g_root;  // the sandbox, ends with "/"
+
+std::string make_temp_dir(const std::string& parent, const std::string& prefix) {
     std::string pattern = parent + prefix + "XXXXXX";
-    std::vector<char> buf(pattern.begin(), pattern.end());
-    buf.push_back('\0');
-    if (mkdtemp(buf.data()) == nullptr) {
+    if (mkdtemp(&pattern[0]) == nullptr) {
         ADD_FAILURE() << "mkdtemp failed under " << parent << ": " << std::strerror(errno);
         return parent;
     }
-    return std::string(buf.data()) + "/";
+    return pattern + "/";
 }
 
-std::string& root_storage() {
-    static std::string root;
-    return root;
+void remove_tree(const std::string& path) {
+    if (path.empty() || path == "/")
+        return;
+    nftw(
+        path.c_str(),
+        [](const char* p, const struct stat*, int, struct FTW*) { return ::remove(p); }, 16,
+        FTW_DEPTH | FTW_PHYS);
 }
 
 }  // namespace
@@ -47,35 +52,28 @@ void init_sandbox(const char* programName) {
     std::string parent = (tmp != nullptr && *tmp != '\0') ? tmp : "/tmp";
     if (parent.back() != '/')
         parent += '/';
-    std::string base = programName;
-    std::string::size_type slash = base.rfind('/');
-    if (slash != std::string::npos)
-        base = base.substr(slash + 1);
-    root_storage() = make_temp_dir(parent, ("vexa-" + base + "-").c_str());
-    make_dirs(root_storage() + "qz/");
+    const std::string base = programName;
+    g_root = make_temp_dir(parent, "vexa-" + base.substr(base.rfind('/') + 1) + "-");
+    make_dirs(g_root + "qz/");
     make_dirs(endpoint_dir());
     // The common log and every endpoint log of this process stay in the sandbox.
-    setenv("QZ_LOGPATH", (root_storage() + "qz/").c_str(), 1);
+    setenv("QZ_LOGPATH", (g_root + "qz/").c_str(), 1);
     vexa::set_endpoint_log_dir_for_testing(endpoint_dir());
 }
 
 void remove_sandbox() {
     if (std::getenv("VEXA_KEEP_TEST_DIRS") != nullptr) {
-        std::fprintf(stderr, "test files kept in %s\n", root_storage().c_str());
+        std::fprintf(stderr, "test files kept in %s\n", g_root.c_str());
         return;
     }
-    remove_tree(root_storage());
-}
-
-const std::string& sandbox_root() {
-    return root_storage();
+    remove_tree(g_root);
 }
 
 std::string endpoint_dir() {
-    return root_storage() + "vexa/";
+    return g_root + "vexa/";
 }
 
-TempDir::TempDir() : m_path(make_temp_dir(sandbox_root(), "t")) {}
+TempDir::TempDir() : m_path(make_temp_dir(g_root, "t")) {}
 
 TempDir::~TempDir() {
     remove_tree(m_path);
@@ -102,28 +100,13 @@ ScopedEnv::~ScopedEnv() {
 }
 
 bool make_dirs(const std::string& path) {
-    std::string partial;
-    std::stringstream parts(path);
-    std::string piece;
-    if (!path.empty() && path[0] == '/')
-        partial = "/";
-    while (std::getline(parts, piece, '/')) {
-        if (piece.empty())
-            continue;
-        partial += piece + "/";
-        mkdir(partial.c_str(), 0755);
+    for (size_t slash = path.find('/', 1); slash != std::string::npos;
+         slash = path.find('/', slash + 1)) {
+        mkdir(path.substr(0, slash).c_str(), 0755);
     }
+    mkdir(path.c_str(), 0755);
     struct stat st {};
     return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
-}
-
-void remove_tree(const std::string& path) {
-    if (path.empty() || path == "/")
-        return;
-    nftw(
-        path.c_str(),
-        [](const char* p, const struct stat*, int, struct FTW*) { return ::remove(p); }, 16,
-        FTW_DEPTH | FTW_PHYS);
 }
 
 std::string read_file(const std::string& path) {
@@ -136,42 +119,67 @@ std::string read_file(const std::string& path) {
 std::vector<std::string> read_lines(const std::string& path) {
     std::vector<std::string> lines;
     std::ifstream in(path, std::ios::binary);
-    std::string line;
-    while (std::getline(in, line))
+    for (std::string line; std::getline(in, line);)
         lines.push_back(line);
     return lines;
 }
 
+void write_file(const std::string& path, const std::string& text) {
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
+}
+
 std::vector<std::string> log_texts(const std::string& path) {
     // "2016/03/07 14:05:09.042 " is 24 characters.
-    const std::string::size_type stampLength = 24;
-    std::vector<std::string> texts;
-    for (const std::string& line : read_lines(path)) {
-        texts.push_back(line.size() >= stampLength ? line.substr(stampLength) : line);
-    }
+    std::vector<std::string> texts = read_lines(path);
+    for (std::string& text : texts)
+        text.erase(0, 24);
     return texts;
 }
 
 int count_log_text(const std::string& path, const std::string& text) {
-    int n = 0;
-    for (const std::string& t : log_texts(path)) {
-        if (t == text)
-            ++n;
-    }
-    return n;
+    const std::vector<std::string> texts = log_texts(path);
+    return static_cast<int>(std::count(texts.begin(), texts.end(), text));
 }
 
-void write_file(const std::string& path, const std::string& text) {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << text;
+bool log_has(const std::string& path, const std::string& text) {
+    return count_log_text(path, text) > 0;
+}
+
+bool wait_log(const std::string& path, const std::string& text, int timeoutMs) {
+    return wait_until([&] { return log_has(path, text); }, timeoutMs);
+}
+
+std::string line_starting(const std::vector<std::string>& lines, const std::string& prefix) {
+    for (const std::string& line : lines) {
+        if (line.compare(0, prefix.size(), prefix) == 0)
+            return line;
+    }
+    return "";
+}
+
+bool in_order(const std::vector<std::string>& lines, const std::vector<std::string>& expected) {
+    size_t next = 0;
+    for (const std::string& line : lines)
+        next += next < expected.size() && line == expected[next];
+    return next == expected.size();
+}
+
+bool has_shape(const std::string& text, const std::string& shape) {
+    if (text.size() != shape.size())
+        return false;
+    for (size_t i = 0; i < text.size(); ++i) {
+        const bool digit = text[i] >= '0' && text[i] <= '9';
+        if (shape[i] == '9' ? !digit : text[i] != shape[i])
+            return false;
+    }
+    return true;
 }
 
 int free_loopback_port() {
-    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    const int fd = socket(AF_INET, SOCK_STREAM, 0);
     sockaddr_in addr{};
     addr.sin_family = AF_INET;
     addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    addr.sin_port = 0;
     socklen_t len = sizeof(addr);
     int port = -1;
     if (bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0 &&
@@ -183,7 +191,7 @@ int free_loopback_port() {
 }
 
 bool wait_until(const std::function<bool()>& condition, int timeoutMs) {
-    long long deadline = monotonic_ms() + timeoutMs;
+    const long long deadline = monotonic_ms() + timeoutMs;
     while (!condition()) {
         if (monotonic_ms() > deadline)
             return false;

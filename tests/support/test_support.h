@@ -1,5 +1,5 @@
 // Helpers shared by the test binaries: private temporary directories, scoped
-// environment variables, file reading, free loopback ports and polling waits.
+// environment variables, files and log lines, free loopback ports and waits.
 #ifndef VEXA_TESTS_SUPPORT_TEST_SUPPORT_H
 #define VEXA_TESTS_SUPPORT_TEST_SUPPORT_H
 
@@ -9,13 +9,12 @@
 
 namespace vexa_test {
 
-// The private root directory of this test process (ends with "/"), made by the
-// test main before any test runs and removed after the last one.
-const std::string& sandbox_root();
-// Directory of the endpoints' logs and marker files in this process's sandbox.
+// Directory of the endpoints' logs and marker files in this process's
+// private sandbox, which the test main makes before any test runs and
+// removes after the last one.
 std::string endpoint_dir();
 
-// A fresh directory below the sandbox root, removed with everything in it.
+// A fresh directory below the sandbox, removed with everything in it.
 class TempDir {
   public:
     TempDir();
@@ -47,27 +46,33 @@ class ScopedEnv {
 
 // Makes `path` and any missing parents; true when it exists afterwards.
 bool make_dirs(const std::string& path);
-// Removes a file or a whole tree; missing paths are fine.
-void remove_tree(const std::string& path);
-
 // The whole file, "" when it cannot be read.
 std::string read_file(const std::string& path);
 // The file's lines without their newline characters.
 std::vector<std::string> read_lines(const std::string& path);
+// Writes `text` to `path`, replacing it.
+void write_file(const std::string& path, const std::string& text);
+
 // The lines with their leading "YYYY/MM/DD hh:mm:ss.mmm " stamp removed.
 std::vector<std::string> log_texts(const std::string& path);
 // How many log lines have exactly this text after the stamp.
 int count_log_text(const std::string& path, const std::string& text);
-// Writes `text` to `path`, replacing it.
-void write_file(const std::string& path, const std::string& text);
+bool log_has(const std::string& path, const std::string& text);
+// Waits until the log at `path` has a line with exactly this text.
+bool wait_log(const std::string& path, const std::string& text, int timeoutMs = 10000);
+// The first of `lines` that starts with `prefix`, "" when none does.
+std::string line_starting(const std::vector<std::string>& lines, const std::string& prefix);
+// Whether `expected` appear in `lines` in this order, others possibly between.
+bool in_order(const std::vector<std::string>& lines, const std::vector<std::string>& expected);
+// Whether `text` has this shape: '9' stands for any digit, every other
+// character for itself.
+bool has_shape(const std::string& text, const std::string& shape);
 
 // A TCP port on 127.0.0.1 that was free a moment ago.
 int free_loopback_port();
-
 // Polls `condition` every few milliseconds; true once it holds, false after
 // `timeoutMs`. Time limits in tests are generous: machines are shared.
 bool wait_until(const std::function<bool()>& condition, int timeoutMs = 10000);
-
 // Milliseconds of the monotonic clock.
 long long monotonic_ms();
 
