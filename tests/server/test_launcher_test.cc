@@ -2,7 +2,6 @@
 // programs really receive, end to end through IPCServer::run_test.
 #include "server/test_launcher.h"
 
-#include <dirent.h>
 #include <pthread.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -11,7 +10,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <string>
 #include <vector>
 
@@ -23,71 +21,45 @@
 
 namespace {
 
-using srvtest::Event;
-using srvtest::EventLog;
-using srvtest::ServerPtr;
-using vexa::LaunchPlan;
 using Words = std::vector<std::string>;
 
-// ---- Argument vectors ----
-
-TEST(CommandArgs, AddressThenDeviceThenExtras) {
-    EXPECT_EQ(vexa::build_cmd_args("tcp://:6000", "dev1", "x y"), " -t tcp://:6000 -d dev1 x y");
-    EXPECT_EQ(vexa::build_cmd_args("tcp://:6000", nullptr, nullptr), " -t tcp://:6000");
-    EXPECT_EQ(vexa::build_cmd_args("tcp://:6000", "", ""), " -t tcp://:6000");
-    EXPECT_EQ(vexa::build_cmd_args("tcp://:6000", nullptr, "x"), " -t tcp://:6000 x");
-}
-
-TEST(LaunchPlan, PreCommandWrapsTheTestInOneQuotedArgument) {
-    const LaunchPlan plan = vexa::plan_launch("/data/local/tmp/t1",
-                                              vexa::build_cmd_args("tcp://:6000", "dev1", nullptr),
-                                              "su -c", "cd /data/local/tmp");
-    EXPECT_EQ(plan.program, "su");
-    EXPECT_TRUE(plan.searchPath);
-    EXPECT_EQ(plan.argv,
+TEST(LaunchPlan, CommandLinesOfEveryPrefixForm) {
+    const auto argv = [](const std::string& path, const char* d, const char* extra, const char* su,
+                         const char* pre) {
+        return vexa::plan_launch(path, vexa::build_cmd_args("tcp://:6000", d, extra), su, pre).argv;
+    };
+    const std::string t1 = "/data/local/tmp/t1";
+    // A pre-command wraps the test in one argument of the prefix; without one
+    // the words stay apart.
+    EXPECT_EQ(argv(t1, "dev1", nullptr, "su -c", "cd /data/local/tmp"),
               (Words{"su", "-c", "cd /data/local/tmp; /data/local/tmp/t1 -t tcp://:6000 -d dev1"}));
-}
-
-TEST(LaunchPlan, DefaultPrefixWithoutPreCommandPassesSeparateWords) {
-    const LaunchPlan plan = vexa::plan_launch("/data/local/tmp/t1", " -t tcp://:6000", "su -c", "");
-    EXPECT_EQ(plan.argv, (Words{"su", "-c", "/data/local/tmp/t1", "-t", "tcp://:6000"}));
-}
-
-TEST(LaunchPlan, ExtraArgumentsAreSplitAtSpacesOutsideQuotes) {
-    struct Case {
+    EXPECT_EQ(argv(t1, "dev1", "x y", "su -c", ""),
+              (Words{"su", "-c", t1, "-t", "tcp://:6000", "-d", "dev1", "x", "y"}));
+    // Empty texts add nothing; extra arguments are split at spaces outside quotes.
+    EXPECT_EQ(argv(t1, "", "", "", ""), (Words{"t1", "-t", "tcp://:6000"}));
+    const struct {
         const char* extra;
-        Words tail;
-    };
-    const Case cases[] = {
-        {"a \"b c\" d", {"a", "b c", "d"}},
-        {"x \"y z", {"x", "y z"}},
-        {"a  b", {"a", "b"}},
-        {"\"b  c\"", {"b  c"}},
-        {"mid\"quote", {"mid\"quote"}},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.extra);
-        const LaunchPlan plan = vexa::plan_launch(
-            "/data/local/tmp/t1", vexa::build_cmd_args("tcp://:6000", nullptr, c.extra), "", "");
+        Words words;
+    } splits[] = {{"a \"b c\" d", {"a", "b c", "d"}},
+                  {"x \"y z", {"x", "y z"}},
+                  {"a  b", {"a", "b"}},
+                  {"\"b  c\"", {"b  c"}},
+                  {"mid\"quote", {"mid\"quote"}}};
+    for (const auto& c : splits) {
         Words expected{"t1", "-t", "tcp://:6000"};
-        expected.insert(expected.end(), c.tail.begin(), c.tail.end());
-        EXPECT_EQ(plan.argv, expected);
+        expected.insert(expected.end(), c.words.begin(), c.words.end());
+        EXPECT_EQ(argv(t1, nullptr, c.extra, "", ""), expected) << c.extra;
     }
+    // The program is the prefix's first word, else the path; a name without a
+    // '/' is looked up in PATH.
+    const vexa::LaunchPlan su = vexa::plan_launch(t1, " -t x", "su -c", "");
+    const vexa::LaunchPlan direct = vexa::plan_launch(t1, " -t x", "", "");
+    const vexa::LaunchPlan bare = vexa::plan_launch("t1", " -t x", "", "");
+    EXPECT_TRUE(su.program == "su" && su.searchPath);
+    EXPECT_TRUE(direct.program == t1 && !direct.searchPath);
+    EXPECT_TRUE(bare.program == "t1" && bare.searchPath);
+    EXPECT_EQ(bare.argv, (Words{"t1", "-t", "x"}));
 }
-
-TEST(LaunchPlan, EmptyPrefixRunsThePathItself) {
-    const LaunchPlan plan = vexa::plan_launch("/data/local/tmp/t1", " -t tcp://:6000", "", "");
-    EXPECT_EQ(plan.program, "/data/local/tmp/t1");
-    EXPECT_FALSE(plan.searchPath);
-    EXPECT_EQ(plan.argv, (Words{"t1", "-t", "tcp://:6000"}));
-
-    const LaunchPlan bare = vexa::plan_launch("t1", " -t tcp://:6000", "", "");
-    EXPECT_EQ(bare.program, "t1");
-    EXPECT_TRUE(bare.searchPath);
-    EXPECT_EQ(bare.argv, (Words{"t1", "-t", "tcp://:6000"}));
-}
-
-// ---- End to end ----
 
 #ifdef SERVER_TEST_EMULATOR
 constexpr bool kEmulated = true;
@@ -103,70 +75,23 @@ std::string prefix_running(const std::string& program) {
     return kDirect.empty() ? program : kDirect + " " + program;
 }
 
-// Children of this process that have exited and not been reaped.
-int zombie_children() {
-    int zombies = 0;
-    DIR* proc = opendir("/proc");
-    if (proc == nullptr) {
-        return -1;
-    }
-    while (dirent* entry = readdir(proc)) {
-        if (entry->d_name[0] < '0' || entry->d_name[0] > '9') {
-            continue;
-        }
-        const std::string stat =
-            vexa_test::read_file(std::string("/proc/") + entry->d_name + "/stat");
-        const std::string::size_type paren = stat.rfind(')');
-        if (paren == std::string::npos || paren + 4 >= stat.size()) {
-            continue;
-        }
-        const char state = stat[paren + 2];
-        const long ppid = std::strtol(stat.c_str() + paren + 4, nullptr, 10);
-        if (state == 'Z' && ppid == static_cast<long>(getpid())) {
-            ++zombies;
-        }
-    }
-    closedir(proc);
-    return zombies;
-}
-
-int32_t pid_of(const Event& e) {
-    int32_t pid = 0;
-    if (e.data.size() == sizeof(pid)) {
-        std::memcpy(&pid, e.data.data(), sizeof(pid));
-    }
-    return pid;
-}
-
-// Each test leaves no child behind, so that the next one starts clean.
+// A started server; the launched peer records its pid and arguments in
+// `file`. Each test leaves no child behind, so that the next one starts clean.
 class Launch : public testing::Test {
   protected:
     void TearDown() override {
-        vexa_test::wait_until(
-            [] {
-                int status = 0;
-                return waitpid(-1, &status, WNOHANG) == -1 && errno == ECHILD;
-            },
-            30000);
+        r.server.reset();
+        vexa_test::wait_until([] { return waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD; },
+                              30000);
     }
 
-    // Starts a server on a free port.
-    void startServer() {
-        port = vexa_test::free_loopback_port();
-        tag = srvtest::test_tag();
-        log = srvtest::server_log(tag);
-        std::remove(log.c_str());  // a repeated run starts a fresh log
-        server = srvtest::start_server("tcp://:" + std::to_string(port), &events, tag);
-        ASSERT_NE(server, nullptr);
-    }
-
-    // The pid and arguments written by the recording program, which is then reaped.
-    Words recorded(const std::string& file) {
+    // The arguments the recording program wrote; it is reaped and its record removed.
+    Words recorded() {
         EXPECT_TRUE(vexa_test::wait_until([&] { return !vexa_test::read_file(file).empty(); }));
         Words lines = vexa_test::read_lines(file);
-        if (lines.empty()) {
+        std::remove(file.c_str());
+        if (lines.empty())
             return lines;
-        }
         waitpid(static_cast<pid_t>(std::atoi(lines[0].c_str())), nullptr, 0);
         return Words(lines.begin() + 1, lines.end());
     }
@@ -177,128 +102,101 @@ class Launch : public testing::Test {
     }
 
     vexa_test::TempDir dir;
-    EventLog events;
-    int port = 0;
-    std::string tag;
-    std::string log;
-    ServerPtr server;
+    const std::string file = dir.file("argv");
+    vexa_test::ScopedEnv record{"VEXA_TEST_ARGV_FILE", file.c_str()};
+    srvtest::Running r;
 };
 
-TEST_F(Launch, SuPrefixReceivesTheTestAndItsArguments) {
-    const std::string file = dir.file("argv");
-    vexa_test::ScopedEnv record("VEXA_TEST_ARGV_FILE", file.c_str());
-    startServer();
-    server->set_su_file_path(prefix_running(kPeer).c_str(), "");
-    EXPECT_EQ(server->run_test("/data/local/tmp/t1", "dev1", "a \"b c\" d"), 1);
-
-    const Words argv = recorded(file);
-    const std::string address = "tcp://:" + std::to_string(port);
-    EXPECT_EQ(tail(argv),
-              (Words{"/data/local/tmp/t1", "-t", address, "-d", "dev1", "a", "b c", "d"}));
+TEST_F(Launch, LaunchedProgramsReceiveTheirCommandLines) {
+    ASSERT_NE(r.server, nullptr);
+    const std::string t1 = "/data/local/tmp/t1";
+    r.server->set_su_file_path(prefix_running(kPeer).c_str(), "");
+    EXPECT_EQ(r.server->run_test(t1.c_str(), "dev1", "a \"b c\" d"), 1);
+    const Words argv = recorded();
+    EXPECT_EQ(tail(argv), (Words{t1, "-t", r.address(), "-d", "dev1", "a", "b c", "d"}));
     if (!kEmulated && !argv.empty()) {
         EXPECT_EQ(argv[0], "server_test_peer");
     }
-    EXPECT_TRUE(
-        srvtest::log_has(log, "set su_file_path:" + prefix_running(kPeer) + " su_pre_cmd:"));
-    EXPECT_TRUE(srvtest::log_has(
-        log, "run_test ok, ppid=" + std::to_string(getpid()) +
-                 " pthreadid=" + std::to_string(static_cast<unsigned long>(pthread_self()))));
-    EXPECT_FALSE(server->testSoLoaded());
-    server.reset();
-}
+    EXPECT_FALSE(r.server->testSoLoaded());
+    EXPECT_TRUE(vexa_test::log_has(
+        r.log, "run_test ok, ppid=" + std::to_string(getpid()) +
+                   " pthreadid=" + std::to_string(static_cast<unsigned long>(pthread_self()))));
 
-TEST_F(Launch, PreCommandReachesThePrefixAsOneArgument) {
-    const std::string file = dir.file("argv");
-    vexa_test::ScopedEnv record("VEXA_TEST_ARGV_FILE", file.c_str());
-    startServer();
-    server->set_su_file_path((prefix_running(kPeer) + " -c").c_str(), "cd /data/local/tmp");
-    server->run_test("/data/local/tmp/t1", "dev1", nullptr);
+    // A pre-command reaches the prefix as one argument.
+    r.server->set_su_file_path((prefix_running(kPeer) + " -c").c_str(), "cd /data/local/tmp");
+    r.server->run_test(t1.c_str(), "dev1", nullptr);
+    EXPECT_EQ(tail(recorded()),
+              (Words{"-c", "cd /data/local/tmp; " + t1 + " -t " + r.address() + " -d dev1"}));
 
-    const std::string address = "tcp://:" + std::to_string(port);
-    EXPECT_EQ(tail(recorded(file)),
-              (Words{"-c", "cd /data/local/tmp; /data/local/tmp/t1 -t " + address + " -d dev1"}));
-    server.reset();
-}
-
-TEST_F(Launch, BareProgramNameIsLookedUpInPath) {
-    if (kEmulated) {
-        GTEST_SKIP() << "the emulator, not the program, is what the prefix names here";
+    // A bare prefix is looked up in PATH (in cross builds the emulator is what
+    // the prefix names).
+    if (!kEmulated) {
+        vexa_test::ScopedEnv path("PATH", kPeer.substr(0, kPeer.rfind('/')).c_str());
+        r.server->set_su_file_path("server_test_peer", "");
+        r.server->run_test(t1.c_str(), nullptr, nullptr);
+        EXPECT_EQ(recorded(), (Words{"server_test_peer", t1, "-t", r.address()}));
     }
-    const std::string file = dir.file("argv");
-    vexa_test::ScopedEnv record("VEXA_TEST_ARGV_FILE", file.c_str());
-    const std::string peerDir = kPeer.substr(0, kPeer.rfind('/'));
-    vexa_test::ScopedEnv path("PATH", peerDir.c_str());
-    startServer();
-    server->set_su_file_path("server_test_peer", "");
-    server->run_test("/data/local/tmp/t1", nullptr, nullptr);
-
-    const std::string address = "tcp://:" + std::to_string(port);
-    EXPECT_EQ(recorded(file), (Words{"server_test_peer", "/data/local/tmp/t1", "-t", address}));
-    server.reset();
 }
 
 TEST_F(Launch, KillClientWaitsOnlyRightAfterALaunch) {
-    startServer();
-    server->set_su_file_path("", "");
+    ASSERT_NE(r.server, nullptr);
+    r.server->set_su_file_path("", "");
     // A program that cannot be started is a launch all the same.
-    EXPECT_EQ(server->run_test("/nonexistent/vexa-no-such-test", nullptr, nullptr), 1);
-    EXPECT_NE(srvtest::log_line_starting(log, "run_test ok, ppid="), "");
+    EXPECT_EQ(r.server->run_test("/nonexistent/vexa-no-such-test", nullptr, nullptr), 1);
     const std::string delay = "delay 500ms as just ipc_run_test";
 
     long long before = vexa_test::monotonic_ms();
-    server->kill_client();
+    r.server->kill_client();
     EXPECT_GE(vexa_test::monotonic_ms() - before, 495);
-    EXPECT_EQ(vexa_test::count_log_text(log, delay), 1);
+    EXPECT_EQ(vexa_test::count_log_text(r.log, delay), 1);
 
     // More than 500 ms after the launch now: no wait, no line.
     before = vexa_test::monotonic_ms();
-    server->kill_client();
+    r.server->kill_client();
     EXPECT_LT(vexa_test::monotonic_ms() - before, 450);
-    EXPECT_EQ(vexa_test::count_log_text(log, delay), 1);
+    EXPECT_EQ(vexa_test::count_log_text(r.log, delay), 1);
 }
 
 TEST_F(Launch, ExitedTestIsReapedByTheLoop) {
-    startServer();
-    server->set_su_file_path(kDirect.c_str(), "");
-    server->run_test(kPeer.c_str(), "zdev", "--connect --item 7 --exit");
+    ASSERT_NE(r.server, nullptr);
+    r.server->set_su_file_path(kDirect.c_str(), "");
+    r.server->run_test(kPeer.c_str(), "zdev", "--connect --item 7 --exit");
 
-    ASSERT_TRUE(events.waitFor(CLIENT_IPC_CONFIG, "zdev", 7, 1, 20000));
-    const int32_t pid = pid_of(events.matching(CLIENT_IPC_CONFIG)[0]);
+    ASSERT_TRUE(r.events.waitFor(CLIENT_IPC_CONFIG, "zdev", 7, 1, 20000));
+    const int32_t pid = srvtest::native32(r.events.matching(CLIENT_IPC_CONFIG)[0].data);
     ASSERT_GT(pid, 0);
-    EXPECT_TRUE(events.waitFor(CLIENT_IPC_OFFLINE, "zdev", 7));
-    ASSERT_TRUE(srvtest::wait_log(log, "waitpid pid=" + std::to_string(pid)));
+    EXPECT_TRUE(r.events.waitFor(CLIENT_IPC_OFFLINE, "zdev", 7));
+    ASSERT_TRUE(vexa_test::wait_log(r.log, "waitpid pid=" + std::to_string(pid)));
 
     errno = 0;
     EXPECT_EQ(waitpid(pid, nullptr, WNOHANG), -1);
     EXPECT_EQ(errno, ECHILD);
-    EXPECT_EQ(zombie_children(), 0);
-    EXPECT_TRUE(vexa_test::wait_until([&] { return server->exitedCount() == 0; }));
+    EXPECT_TRUE(vexa_test::wait_until([&] { return r.server->exitedCount() == 0; }));
 }
 
 // The second test must not inherit the server's end of the first one's
 // connection: each child lingers after the end of its stream, so an inherited
 // socket would keep the other's connection open for that long.
 TEST_F(Launch, LaunchedTestsSeeTheirConnectionsEndAtTeardown) {
-    startServer();
-    server->set_su_file_path(kDirect.c_str(), "");
+    ASSERT_NE(r.server, nullptr);
+    r.server->set_su_file_path(kDirect.c_str(), "");
     std::vector<int32_t> pids;
     for (int item = 1; item <= 2; ++item) {
         const std::string extra = "--connect --item " + std::to_string(item) + " --eof-marker " +
                                   dir.file("eof" + std::to_string(item)) + " --linger-ms 30000";
-        server->run_test(kPeer.c_str(), "two", extra.c_str());
-        ASSERT_TRUE(events.waitFor(CLIENT_IPC_CONFIG, "two", item, 1, 20000));
-        pids.push_back(pid_of(events.matching(CLIENT_IPC_CONFIG, "two", item)[0]));
+        r.server->run_test(kPeer.c_str(), "two", extra.c_str());
+        ASSERT_TRUE(r.events.waitFor(CLIENT_IPC_CONFIG, "two", item, 1, 20000));
+        pids.push_back(
+            srvtest::native32(r.events.matching(CLIENT_IPC_CONFIG, "two", item)[0].data));
     }
 
-    server.reset();
-    EXPECT_TRUE(vexa_test::wait_until(
-        [&] {
-            return access(dir.file("eof1").c_str(), F_OK) == 0 &&
-                   access(dir.file("eof2").c_str(), F_OK) == 0;
-        },
-        5000));
-    EXPECT_EQ(access(dir.file("eof1").c_str(), F_OK), 0);
-    EXPECT_EQ(access(dir.file("eof2").c_str(), F_OK), 0);
+    r.server.reset();
+    const auto ended = [&](int item) {
+        return access(dir.file("eof" + std::to_string(item)).c_str(), F_OK) == 0;
+    };
+    EXPECT_TRUE(vexa_test::wait_until([&] { return ended(1) && ended(2); }, 5000));
+    EXPECT_TRUE(ended(1));
+    EXPECT_TRUE(ended(2));
     for (int32_t pid : pids) {
         if (pid > 0) {
             kill(pid, SIGKILL);

@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -19,8 +18,6 @@
 
 namespace {
 
-using srvtest::EventLog;
-using srvtest::ServerPtr;
 using Lines = std::vector<std::string>;
 
 // The log texts from "ipcserver free start" on, up to "ipcserver free end".
@@ -31,110 +28,85 @@ Lines teardown_lines(const std::string& log) {
     return end == texts.end() ? Lines() : Lines(start, end + 1);
 }
 
-class Library : public testing::Test {
-  protected:
-    void SetUp() override {
-        ASSERT_EQ(vexa::TestLibrary::m_hDllLib.load(), nullptr);
-        recordFile = dir.file("record");
-        record = std::make_unique<vexa_test::ScopedEnv>("VEXA_TEST_SO_RECORD", recordFile.c_str());
-        port = vexa_test::free_loopback_port();
-        address = "tcp://:" + std::to_string(port);
-        log = srvtest::server_log(srvtest::test_tag());
-        server = srvtest::start_server(address, &events, srvtest::test_tag());
-        ASSERT_NE(server, nullptr);
-    }
-    void TearDown() override { server.reset(); }
-
+TEST(Library, EntryPointsGetTheirArgumentsAndAreReleasedAtTeardown) {
     vexa_test::TempDir dir;
-    std::string recordFile;
-    std::unique_ptr<vexa_test::ScopedEnv> record;
-    EventLog events;
-    int port = 0;
-    std::string address;
-    std::string log;
-    ServerPtr server;
-};
+    const std::string missing = dir.file("absent.so");
+    ASSERT_EQ(dlopen(missing.c_str(), RTLD_LAZY), nullptr);
+    const std::string dlerrorText = dlerror();
+    const Lines bare = {"ipcserver free start", "ipcserver free end"};
+    const Lines released = {"ipcserver free start", "waiting release_so_client...",
+                            "release_so_client stopped", "m_hDllLib free start",
+                            "ipcserver free end"};
+    Lines unreleased = released;
+    unreleased.insert(unreleased.begin() + 2, "invalid release_so_client");
+    const struct {
+        std::string path;
+        const char* d;
+        const char* extra;
+        const char* texts;  // what run_test_so was given after the address; null: not called
+        std::string line;
+        Lines teardown;
+        bool releaseCalled;
+    } cases[] = {
+        {TEST_LIB_FULL, "dev1", "x \"y z\"", " d=dev1 extra=x \"y z\"",
+         std::string("load library:") + TEST_LIB_FULL, released, true},
+        {TEST_LIB_FULL, nullptr, nullptr, " d=(null) extra=(null)", "", released, true},
+        {TEST_LIB_NO_RELEASE, "dev1", nullptr, " d=dev1 extra=(null)", "", unreleased, false},
+        // Without run_test_so the library is closed again at once.
+        {TEST_LIB_NO_RUN, "dev1", nullptr, nullptr, "invalid library", bare, false},
+        {missing, nullptr, nullptr, nullptr,
+         "failed load " + missing + " (maybe not exist). dlerror=" + dlerrorText, bare, false},
+    };
+    int n = 0;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.path + (c.d != nullptr ? " with texts" : " with nulls"));
+        ASSERT_EQ(vexa::TestLibrary::m_hDllLib.load(), nullptr);
+        const std::string record = dir.file("record" + std::to_string(n++));
+        vexa_test::ScopedEnv recording("VEXA_TEST_SO_RECORD", record.c_str());
+        srvtest::Running r;
+        ASSERT_NE(r.server, nullptr);
+        EXPECT_EQ(r.server->run_test(c.path.c_str(), c.d, c.extra), 1);
+        Lines expected;
+        if (c.texts != nullptr)
+            expected.push_back("run_test_so serv=" + r.address() + c.texts);
+        EXPECT_EQ(vexa_test::read_lines(record), expected);
+        EXPECT_EQ(vexa::TestLibrary::m_hDllLib.load() != nullptr, c.texts != nullptr);
+        EXPECT_TRUE(r.server->testSoLoaded());
+        if (!c.line.empty()) {
+            EXPECT_TRUE(vexa_test::log_has(r.log, c.line));
+        }
+        EXPECT_EQ(vexa_test::line_starting(vexa_test::log_texts(r.log), "run_test ok"), "");
 
-TEST_F(Library, EntryPointGetsTheAddressAndBothTextsAndIsReleasedAtTeardown) {
-    EXPECT_EQ(server->run_test(TEST_LIB_FULL, "dev1", "x \"y z\""), 1);
-    EXPECT_TRUE(server->testSoLoaded());
-    EXPECT_NE(vexa::TestLibrary::m_hDllLib.load(), nullptr);
-    EXPECT_EQ(vexa_test::read_lines(recordFile),
-              Lines{"run_test_so serv=" + address + " d=dev1 extra=x \"y z\""});
-    EXPECT_TRUE(srvtest::log_has(log, std::string("load library:") + TEST_LIB_FULL));
-    EXPECT_EQ(srvtest::log_line_starting(log, "run_test ok"), "");
-
-    server.reset();
-    EXPECT_EQ(vexa::TestLibrary::m_hDllLib.load(), nullptr);
-    EXPECT_EQ(vexa_test::read_lines(recordFile).back(), "release_test_so");
-    EXPECT_EQ(teardown_lines(log),
-              (Lines{"ipcserver free start", "waiting release_so_client...",
-                     "release_so_client stopped", "m_hDllLib free start", "ipcserver free end"}));
-}
-
-TEST_F(Library, NullTextsReachTheEntryPointAsNull) {
-    server->run_test(TEST_LIB_FULL, nullptr, nullptr);
-    EXPECT_EQ(vexa_test::read_lines(recordFile),
-              Lines{"run_test_so serv=" + address + " d=(null) extra=(null)"});
-}
-
-TEST_F(Library, LibraryWithoutRunEntryIsClosedAgain) {
-    EXPECT_EQ(server->run_test(TEST_LIB_NO_RUN, "dev1", nullptr), 1);
-    EXPECT_TRUE(srvtest::log_has(log, "invalid library"));
-    EXPECT_EQ(vexa::TestLibrary::m_hDllLib.load(), nullptr);
-    server.reset();
-    EXPECT_EQ(teardown_lines(log), (Lines{"ipcserver free start", "ipcserver free end"}));
-    EXPECT_TRUE(vexa_test::read_lines(recordFile).empty());
-}
-
-TEST_F(Library, LibraryWithoutReleaseEntryIsReportedAtTeardown) {
-    server->run_test(TEST_LIB_NO_RELEASE, "dev1", nullptr);
-    EXPECT_EQ(vexa_test::read_lines(recordFile).size(), 1u);
-    server.reset();
-    EXPECT_EQ(teardown_lines(log), (Lines{"ipcserver free start", "waiting release_so_client...",
-                                          "invalid release_so_client", "release_so_client stopped",
-                                          "m_hDllLib free start", "ipcserver free end"}));
-    EXPECT_EQ(vexa::TestLibrary::m_hDllLib.load(), nullptr);
-}
-
-TEST_F(Library, MissingFileLeavesTheLinkersMessage) {
-    const std::string path = dir.file("absent.so");
-    ASSERT_EQ(dlopen(path.c_str(), RTLD_LAZY), nullptr);
-    const std::string expected = dlerror();
-
-    EXPECT_EQ(server->run_test(path.c_str(), nullptr, nullptr), 1);
-    EXPECT_TRUE(
-        srvtest::log_has(log, "failed load " + path + " (maybe not exist). dlerror=" + expected));
-    EXPECT_EQ(vexa::TestLibrary::m_hDllLib.load(), nullptr);
-    server.reset();
-    EXPECT_EQ(teardown_lines(log), (Lines{"ipcserver free start", "ipcserver free end"}));
+        r.server.reset();
+        EXPECT_EQ(vexa::TestLibrary::m_hDllLib.load(), nullptr);
+        if (c.releaseCalled)
+            expected.push_back("release_test_so");
+        EXPECT_EQ(vexa_test::read_lines(record), expected);
+        EXPECT_EQ(teardown_lines(r.log), c.teardown);
+    }
 }
 
 // With a library loaded, children are never reaped by the loop: they may be
 // the host's own.
 TEST(LibraryLoaded, LoopLeavesChildrenAlone) {
     const pid_t child = fork();
-    if (child == 0) {
+    if (child == 0)
         _exit(0);
-    }
     ASSERT_GT(child, 0);
     {
         vexa_test::TempDir dir;
         vexa_test::ScopedEnv record("VEXA_TEST_SO_RECORD", dir.file("record").c_str());
-        EventLog events;
-        const int port = vexa_test::free_loopback_port();
-        const std::string tag = srvtest::test_tag();
-        ServerPtr server = srvtest::start_server("tcp://:" + std::to_string(port), &events, tag);
-        ASSERT_NE(server, nullptr);
-        server->run_test(TEST_LIB_FULL, nullptr, nullptr);
+        srvtest::Running r;
+        ASSERT_NE(r.server, nullptr);
+        r.server->run_test(TEST_LIB_FULL, nullptr, nullptr);
 
         // A connection that ends raises the count of children to reap.
-        srvtest::RawPeer peer;
-        ASSERT_TRUE(peer.connectTo(port));
+        vexa_test::FramedConn peer;
+        ASSERT_TRUE(peer.connectTo(r.port));
         peer.close();
-        ASSERT_TRUE(vexa_test::wait_until([&] { return server->exitedCount() == 1; }));
+        ASSERT_TRUE(vexa_test::wait_until([&] { return r.server->exitedCount() == 1; }));
         usleep(200 * 1000);
-        EXPECT_EQ(srvtest::log_line_starting(srvtest::server_log(tag), "waitpid"), "");
+        EXPECT_EQ(vexa_test::line_starting(vexa_test::log_texts(r.log), "waitpid"), "");
     }
     EXPECT_EQ(waitpid(child, nullptr, 0), child) << "the child was reaped by the server";
 }
