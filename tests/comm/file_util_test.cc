@@ -11,50 +11,41 @@
 namespace {
 
 using vexa_test::read_file;
-using vexa_test::TempDir;
 using vexa_test::write_file;
 
-TEST(FileUtil, SizeAndRemove) {
-    TempDir tmp;
-    const std::string path = tmp.file("f");
-    EXPECT_EQ(comm::file_size(path), -1);
-    EXPECT_FALSE(comm::file_exists(path));
-    write_file(path, "");
-    EXPECT_EQ(comm::file_size(path), 0);
-    write_file(path, "12345");
-    FILE* f = std::fopen(path.c_str(), "rb");
-    ASSERT_NE(f, nullptr);
-    EXPECT_EQ(comm::stream_size(f), 5);
-    std::fclose(f);
-    EXPECT_EQ(comm::file_remove(path), 0);
-    EXPECT_EQ(comm::file_remove(path), -1);
-}
-
-TEST(FileUtil, WriteTruncatesAndReadsBack) {
-    TempDir tmp;
+TEST(FileUtil, WriteTruncatesReadsBackAndRemoves) {
+    vexa_test::TempDir tmp;
     const std::string path = tmp.file("data.bin");
     const std::string binary("a\0b\r\n\xff", 6);
+    EXPECT_EQ(comm::file_size(path), -1);
+    EXPECT_FALSE(comm::file_exists(path));
     ASSERT_TRUE(comm::file_write_string(path, "a longer text than the next one"));
     ASSERT_TRUE(comm::file_write(path, binary.data(), 6));
+    EXPECT_EQ(comm::file_size(path), 6);
     std::string out = "old";
     ASSERT_TRUE(comm::file_read_all(path, out));
     EXPECT_EQ(out, binary);
+    FILE* f = std::fopen(path.c_str(), "rb");
+    ASSERT_NE(f, nullptr);
+    EXPECT_EQ(comm::stream_size(f), 6);
+    std::fclose(f);
 
     char buf[4096] = {};
     write_file(path, std::string(100, 'x'));
     EXPECT_EQ(comm::file_read(path, buf, sizeof(buf)), 100);
     EXPECT_EQ(comm::file_read(path, buf, 10), 10);
     EXPECT_EQ(comm::file_read(tmp.file("missing"), buf, sizeof(buf)), 0);
-
     out = "old";
     EXPECT_FALSE(comm::file_read_all(tmp.file("missing"), out));
     EXPECT_FALSE(comm::file_read_all(tmp.path(), out));  // a directory cannot be read
     EXPECT_EQ(out, "old");
     EXPECT_FALSE(comm::file_write_string(tmp.file("no/dir"), "x"));
+    EXPECT_EQ(comm::file_remove(path), 0);
+    EXPECT_EQ(comm::file_remove(path), -1);
 }
 
 TEST(FileUtil, CopyLeavesTargetAloneWithoutSource) {
-    TempDir tmp;
+    vexa_test::TempDir tmp;
     std::string big(100000, '\0');  // several copy chunks
     for (size_t i = 0; i < big.size(); ++i)
         big[i] = static_cast<char>(i * 7 + i / 251);
@@ -71,42 +62,31 @@ TEST(FileUtil, CopyLeavesTargetAloneWithoutSource) {
 TEST(FileUtil, NameSplitsAtLastDotOfWholeText) {
     EXPECT_EQ(comm::file_base_name("a.tar.gz"), "a.tar");
     EXPECT_EQ(comm::file_extension("a.tar.gz"), "gz");
-    EXPECT_EQ(comm::file_base_name("noext"), "noext");
     EXPECT_EQ(comm::file_extension("noext"), "");
     EXPECT_EQ(comm::file_base_name("/a.b/c"), "/a");
 }
 
-TEST(FileUtil, ListFilesOnlyRegularFiles) {
-    TempDir tmp;
-    write_file(tmp.file("one.txt"), "1");
-    write_file(tmp.file("two"), "2");
-    ASSERT_TRUE(vexa_test::make_dirs(tmp.file("sub/")));
-    write_file(tmp.file("sub/deeper"), "3");
-    ASSERT_EQ(symlink(tmp.file("one.txt").c_str(), tmp.file("link").c_str()), 0);
-
-    std::vector<std::string> out{"kept"};
-    comm::list_files(tmp.path(), out);
-    std::sort(out.begin() + 1, out.end());
-    EXPECT_EQ(out, (std::vector<std::string>{"kept", tmp.file("one.txt"), tmp.file("two")}));
-    comm::list_files(tmp.file("missing/"), out);
-    EXPECT_EQ(out.size(), 3u);
-}
-
-TEST(FileUtil, ListFilesSkipsPathsOver999Bytes) {
-    TempDir tmp;
+TEST(FileUtil, ListFilesOnlyRegularFilesWithPathsUpTo999Bytes) {
+    vexa_test::TempDir tmp;
     std::string dir = tmp.path();
     while (dir.size() < 900)
         dir += std::string(100, 'd') + "/";
     dir.resize(900);
     dir.back() = '/';
-    ASSERT_TRUE(vexa_test::make_dirs(dir));
+    ASSERT_TRUE(vexa_test::make_dirs(dir + "sub/"));
     const std::string fits(999 - dir.size(), 'f');
-    write_file(dir + fits, "x");
-    write_file(dir + fits + "g", "x");
+    write_file(dir + fits, "1");
+    write_file(dir + fits + "g", "too long");
+    write_file(dir + "two", "2");
+    write_file(dir + "sub/deeper", "3");
+    ASSERT_EQ(symlink((dir + "two").c_str(), (dir + "link").c_str()), 0);
 
-    std::vector<std::string> out;
+    std::vector<std::string> out{"kept"};
     comm::list_files(dir, out);
-    EXPECT_EQ(out, std::vector<std::string>{dir + fits});
+    std::sort(out.begin() + 1, out.end());
+    EXPECT_EQ(out, (std::vector<std::string>{"kept", dir + fits, dir + "two"}));
+    comm::list_files(tmp.file("missing/"), out);
+    EXPECT_EQ(out.size(), 3u);
 }
 
 }  // namespace
