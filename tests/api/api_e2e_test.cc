@@ -15,9 +15,13 @@
 
 #include <gtest/gtest.h>
 
+#include "stress_util.h"
 #include "vexatool.h"
 
 namespace {
+
+using vexa_stress::free_port;
+using vexa_stress::now_ms;
 
 struct Event {
     int32_t item;
@@ -81,26 +85,8 @@ class Recorder {
     std::vector<Event> m_events;
 };
 
-int free_port() {
-    int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof(addr);
-    bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
-    getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len);
-    close(fd);
-    return ntohs(addr.sin_port);
-}
-
 std::string make_address() {
     return "tcp://:" + std::to_string(free_port());
-}
-
-long long now_ms() {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(
-               std::chrono::steady_clock::now().time_since_epoch())
-        .count();
 }
 
 std::string pattern(size_t n) {

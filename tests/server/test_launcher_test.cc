@@ -61,13 +61,9 @@ TEST(LaunchPlan, CommandLinesOfEveryPrefixForm) {
     EXPECT_EQ(bare.argv, (Words{"t1", "-t", "x"}));
 }
 
-#ifdef SERVER_TEST_EMULATOR
-constexpr bool kEmulated = true;
-const std::string kDirect = SERVER_TEST_EMULATOR;
-#else
-constexpr bool kEmulated = false;
-const std::string kDirect;
-#endif
+// The emulator that runs this build's programs; empty natively.
+const std::string kDirect = VEXA_TEST_EMULATOR;
+const bool kEmulated = !kDirect.empty();
 const std::string kPeer = SERVER_TEST_PEER;
 
 // The su prefix that starts `program` (through the emulator in cross builds).

@@ -35,11 +35,9 @@ constexpr auto kRunLimit = std::chrono::seconds(60);
 // Words that run a binary of this build; empty when it runs natively.
 std::vector<std::string> emulator_words() {
     std::vector<std::string> words;
-#ifdef VEXA_TOOLS_TEST_EMULATOR
-    std::istringstream in(VEXA_TOOLS_TEST_EMULATOR);
+    std::istringstream in(VEXA_TEST_EMULATOR);
     for (std::string w; in >> w;)
         words.push_back(w);
-#endif
     return words;
 }
 
