@@ -83,6 +83,8 @@ class IPCBase {
 
     bool isRunning() const { return m_running; }
     comm::Logger* logger() const { return m_logger.get(); }
+    // The read and write budgets live here (tests shorten them).
+    SocketUtil& socketUtil() { return m_sockUtil; }
     // Called from this endpoint's processing thread, its callbacks included.
     bool onProcessingThread() const;
 

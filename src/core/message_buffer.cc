@@ -150,6 +150,11 @@ bool MessageBuffer::expire(int64_t nowMs, int32_t budgetMs) {
 }
 
 MessageBuffer::Next MessageBuffer::fail(comm::Logger* logger, SocketUtil& util) {
+    // The lines a counted read of the head and then of the body gives.
+    const bool headRead = buffered() >= static_cast<size_t>(IPC_HEAD_SIZE);
+    if (headRead) {
+        util.mysock_log_read_count(IPC_HEAD_SIZE);
+    }
     int readLen = 0;
     errno = 0;
     if (m_endState == End::kError) {
@@ -160,14 +165,9 @@ MessageBuffer::Next MessageBuffer::fail(comm::Logger* logger, SocketUtil& util) 
         readLen = MYSOCK_ERR_TIMEOUT;
         util.mysock_log_read_wait_failure(readLen);
     }
-    if (buffered() < static_cast<size_t>(IPC_HEAD_SIZE)) {
-        logger->writeFormat("readMsgFromSocket read head failed. read_len=%d, error=%s", readLen,
-                            util.mysock_strerror());
-    } else {
-        util.mysock_log_read_count(IPC_HEAD_SIZE);
-        logger->writeFormat("readMsgFromSocket read body failed. read_len=%d, error=%s", readLen,
-                            util.mysock_strerror());
-    }
+    logger->writeFormat(headRead ? "readMsgFromSocket read body failed. read_len=%d, error=%s"
+                                 : "readMsgFromSocket read head failed. read_len=%d, error=%s",
+                        readLen, util.mysock_strerror());
     return Next::kFailed;
 }
 

@@ -68,6 +68,7 @@ class SocketUtil {
     void mysock_set_read_timeout(int32_t ms) { m_readTimeoutMs = ms; }
     void mysock_set_write_timeout(int32_t ms) { m_writeTimeoutMs = ms; }
     int32_t mysock_read_timeout() const { return m_readTimeoutMs; }
+    int32_t mysock_write_timeout() const { return m_writeTimeoutMs; }
 
     static bool mysock_is_valid(int fd) { return fd >= 0; }
     static int mysock_errno();

@@ -227,6 +227,7 @@ bool IPCServer::processOnce() {
         serveOne(conn, now);
     }
     removeConnections();
+    mergeSideInput();
     return true;
 }
 
@@ -281,6 +282,7 @@ void IPCServer::serveOne(Connection* conn, int64_t nowMs) {
             break;
         case MessageBuffer::Next::kFailed:
             handleBrokenConnection(conn);
+            mergeSideInput();
             return;
         case MessageBuffer::Next::kMessage:
             handleMessage(conn, msg);
@@ -446,7 +448,8 @@ void IPCServer::linger(const ConnectionPtr& conn) {
         }
     }
     // As long as a write may wait for room, and not longer.
-    m_lingering.push_back(Lingering{conn, comm::monotonic_ms() + kDefaultIoTimeoutMs});
+    m_lingering.push_back(
+        Lingering{conn, comm::monotonic_ms() + m_sockUtil.mysock_write_timeout()});
 }
 
 void IPCServer::serviceLingering(int64_t nowMs) {
