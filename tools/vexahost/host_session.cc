@@ -54,6 +54,47 @@ std::string event_name(int32_t event) {
     }
 }
 
+// Each byte becomes one character, U+0000 to U+00FF, so any body survives.
+std::string json_string(const char* data, size_t len) {
+    std::string out = "\"";
+    for (size_t i = 0; i < len; ++i) {
+        unsigned char ch = static_cast<unsigned char>(data[i]);
+        if (ch == '"' || ch == '\\') {
+            out += '\\';
+            out += static_cast<char>(ch);
+        } else if (ch >= 0x20 && ch < 0x7f) {
+            out += static_cast<char>(ch);
+        } else {
+            char escaped[8];
+            std::snprintf(escaped, sizeof(escaped), "\\u%04x", ch);
+            out += escaped;
+        }
+    }
+    return out + "\"";
+}
+
+// One JSON object on one line: time, dir, dev, item, event, name (for the
+// library's own codes), len, and pid (9001) or body (the whole body).
+std::string json_event(const std::string& time, const char* direction, const std::string& dev,
+                       int32_t item, int32_t event, const char* data, int32_t len) {
+    std::string line = "{\"time\":\"" + time + "\",\"dir\":\"" + direction +
+                       "\",\"dev\":" + json_string(dev.data(), dev.size()) +
+                       ",\"item\":" + std::to_string(item) + ",\"event\":" + std::to_string(event);
+    std::string name = event_name(event);
+    size_t paren = name.find('(');
+    if (paren != std::string::npos)
+        line += ",\"name\":\"" + name.substr(0, paren) + "\"";
+    line += ",\"len\":" + std::to_string(len);
+    if (event == CLIENT_IPC_CONFIG && data != nullptr && len >= 4) {
+        int32_t pid = 0;
+        std::memcpy(&pid, data, sizeof(pid));
+        line += ",\"pid\":" + std::to_string(pid);
+    } else if (data != nullptr && len > 0) {
+        line += ",\"body\":" + json_string(data, static_cast<size_t>(len));
+    }
+    return line + "}\n";
+}
+
 const char kCommandHelp[] =
     "commands:\n"
     "  send DEV ITEM EVENT [TEXT...]  send EVENT with TEXT to the test (DEV \"\" is empty)\n"
@@ -89,9 +130,30 @@ std::string next_word(const std::string& line, size_t& pos) {
 
 }  // namespace
 
-void Host::noteLaunched() {
+size_t Host::noteLaunched(const std::string& path, bool isSo, bool reportsExit) {
     std::lock_guard<std::mutex> guard(m_lock);
-    ++m_launched;
+    LaunchRecord launch;
+    launch.path = path;
+    launch.isSo = isSo;
+    launch.reportsExit = reportsExit;
+    launch.startedAt = Clock::now();
+    m_launches.push_back(launch);
+    return m_launches.size() - 1;
+}
+
+void Host::noteChildPid(size_t index, int32_t pid) {
+    std::lock_guard<std::mutex> guard(m_lock);
+    if (index < m_launches.size())
+        m_launches[index].childPid = pid;
+}
+
+void Host::noteExit(size_t index, int waitStatus) {
+    std::lock_guard<std::mutex> guard(m_lock);
+    if (index < m_launches.size() && !m_launches[index].exited) {
+        m_launches[index].exited = true;
+        m_launches[index].waitStatus = waitStatus;
+        m_launches[index].exitedAt = Clock::now();
+    }
 }
 
 void Host::onEvent(int32_t item, int32_t event, const char* dev, const char* data, int32_t len) {
@@ -104,11 +166,16 @@ void Host::onEvent(int32_t item, int32_t event, const char* dev, const char* dat
             TestState state;
             if (data != nullptr && len >= 4)
                 std::memcpy(&state.pid, data, sizeof(state.pid));
+            state.order = m_registrations++;
+            state.registeredAt = Clock::now();
             m_tests[key] = state;
         } else if (event == CLIENT_IPC_CLOSED || event == CLIENT_IPC_OFFLINE) {
             auto it = m_tests.find(key);
-            if (it != m_tests.end())
+            if (it != m_tests.end() && !it->second.closed) {
                 it->second.closed = true;
+                it->second.offline = event == CLIENT_IPC_OFFLINE;
+                it->second.endedAt = Clock::now();
+            }
         }
     }
     if (!m_demo)
@@ -137,7 +204,7 @@ bool Host::isOpen(const std::string& dev, int32_t item) {
 
 bool Host::allDone() {
     std::lock_guard<std::mutex> guard(m_lock);
-    if (m_launched == 0 || m_tests.size() < m_launched)
+    if (m_launches.empty() || m_tests.size() < m_launches.size())
         return false;
     for (const auto& entry : m_tests) {
         if (!entry.second.closed)
@@ -146,9 +213,43 @@ bool Host::allDone() {
     return true;
 }
 
+bool Host::allEnded(Clock::duration settle) {
+    std::lock_guard<std::mutex> guard(m_lock);
+    if (m_launches.empty())
+        return false;
+    Clock::time_point now = Clock::now();
+    size_t unreported = 0;
+    for (const LaunchRecord& launch : m_launches) {
+        // A registration may still be on its way when the exit is seen.
+        if (launch.reportsExit && (!launch.exited || now - launch.exitedAt < settle))
+            return false;
+        unreported += launch.reportsExit ? 0 : 1;
+    }
+    for (const auto& entry : m_tests) {
+        if (!entry.second.closed)
+            return false;
+    }
+    // Test libraries and programs started through su end by closing.
+    return m_tests.size() >= unreported;
+}
+
+bool Host::exitsPending() {
+    std::lock_guard<std::mutex> guard(m_lock);
+    for (const LaunchRecord& launch : m_launches) {
+        if (launch.reportsExit && !launch.exited)
+            return true;
+    }
+    return false;
+}
+
+SessionRecord Host::record() {
+    std::lock_guard<std::mutex> guard(m_lock);
+    return SessionRecord{m_startedAt, m_launches, m_tests};
+}
+
 size_t Host::launched() {
     std::lock_guard<std::mutex> guard(m_lock);
-    return m_launched;
+    return m_launches.size();
 }
 
 size_t Host::registered() {
@@ -158,15 +259,15 @@ size_t Host::registered() {
 
 void Host::printList() {
     std::lock_guard<std::mutex> guard(m_lock);
-    std::string text = std::to_string(m_launched) + " launched, " + std::to_string(m_tests.size()) +
-                       " registered\n";
+    std::string text = std::to_string(m_launches.size()) + " launched, " +
+                       std::to_string(m_tests.size()) + " registered\n";
     for (const auto& entry : m_tests) {
         text += "  dev=" + printable(entry.first.dev.data(), entry.first.dev.size()) +
                 " item=" + std::to_string(entry.first.item) +
                 " pid=" + std::to_string(entry.second.pid) +
                 (entry.second.closed ? " closed\n" : " open\n");
     }
-    writeOut(text);
+    writeNote(text);
 }
 
 void Host::writeOut(const std::string& text) {
@@ -175,8 +276,21 @@ void Host::writeOut(const std::string& text) {
     std::fflush(stdout);
 }
 
+void Host::writeNote(const std::string& text) {
+    if (m_format == OutputFormat::kText) {
+        writeOut(text);
+        return;
+    }
+    std::lock_guard<std::mutex> guard(m_outLock);
+    std::fputs(text.c_str(), stderr);
+}
+
 void Host::printEvent(const char* direction, const std::string& dev, int32_t item, int32_t event,
                       const char* data, int32_t len) {
+    if (m_format == OutputFormat::kJson) {
+        writeOut(json_event(local_time_ms(), direction, dev, item, event, data, len));
+        return;
+    }
     std::string line = local_time_ms() + " " + direction +
                        " dev=" + printable(dev.data(), dev.size()) +
                        " item=" + std::to_string(item) + " event=" + event_name(event) +
@@ -210,7 +324,7 @@ bool run_command(Host& host, const std::string& line) {
     if (cmd == "quit" || cmd == "exit")
         return false;
     if (cmd == "help") {
-        host.writeOut(kCommandHelp);
+        host.writeNote(kCommandHelp);
     } else if (cmd == "list") {
         host.printList();
     } else if (cmd == "send") {

@@ -6,11 +6,14 @@
 // tool's own notes go to standard error):
 //   HH:MM:SS.mmm recv|sent dev=DEV item=N event=NAME len=N [pid=N | "preview"[...]]
 // NAME is CONFIG(9001), CLOSED(9005), OFFLINE(9006) or the number; the preview
-// shows up to 40 bytes of the body with '.' for what cannot be printed.
+// shows up to 40 bytes of the body with '.' for what cannot be printed. With
+// --json each event is one JSON object instead, and list and help answer on
+// standard error. --junit-xml FILE writes a report when the tool stops.
 //
 // Exit status: 0 after an orderly end (every launched test registered and then
-// closed or went offline; quit; end of input with nothing launched; SIGINT or
-// SIGTERM), 1 when the server cannot be started, 2 for a usage error.
+// closed or went offline; with --junit-xml also every program ended; quit; end
+// of input with nothing launched; SIGINT or SIGTERM), 1 when the server cannot
+// be started, 2 for a usage error, 3 when the report cannot be written.
 #include <getopt.h>
 #include <poll.h>
 #include <signal.h>
@@ -26,11 +29,14 @@
 #include <string>
 #include <vector>
 
+#include "exit_report.h"
 #include "host_session.h"
+#include "junit_report.h"
 #include "vexatool.h"
 
 namespace {
 
+using vexahost::ExitReportPipe;
 using vexahost::Host;
 using vexahost::kDemoPing;
 using vexahost::kEchoEvent;
@@ -40,10 +46,15 @@ constexpr char kDefaultAddress[] = "tcp://:6000";
 constexpr int kPollMs = 100;
 // A test that has not registered by then is probably missing or failing.
 constexpr auto kRegisterWarning = std::chrono::seconds(10);
+// With exit reports: how long a registration may trail its program's exit, and
+// how long the tool waits for the exits of tests that closed.
+constexpr auto kExitSettle = std::chrono::milliseconds(300);
+constexpr auto kExitWait = std::chrono::seconds(5);
 
 constexpr int kExitOk = 0;
 constexpr int kExitNoServer = 1;
 constexpr int kExitUsage = 2;
+constexpr int kExitNoReport = 3;
 
 volatile sig_atomic_t g_stopSignal = 0;
 
@@ -59,6 +70,8 @@ struct Options {
     std::string suPrefix = "su -c";
     std::string preCmd;
     bool demo = false;
+    bool json = false;
+    std::string junitPath;
     std::vector<std::string> tests;
 };
 
@@ -76,6 +89,8 @@ void print_usage(FILE* out, const char* prog) {
                  "  --su-prefix TEXT   start programs through TEXT instead (implies --su)\n"
                  "  --pre-cmd TEXT     shell command run before each program inside the su prefix\n"
                  "  --demo             greet each test with %d \"%s\" and send %d when it echoes\n"
+                 "  --json             print each event as one JSON object (other text to stderr)\n"
+                 "  --junit-xml FILE   write a JUnit XML report, one test case per launched test\n"
                  "  -h, --help         this text\n"
                  "\n"
                  "Without --su, programs start directly. The tool ends once every launched test\n"
@@ -85,11 +100,13 @@ void print_usage(FILE* out, const char* prog) {
 
 // Returns false after printing why the command line is not usable.
 bool parse_options(int argc, char** argv, Options& opts) {
-    enum { kOptSu = 256, kOptSuPrefix, kOptPreCmd, kOptDemo };
+    enum { kOptSu = 256, kOptSuPrefix, kOptPreCmd, kOptDemo, kOptJson, kOptJunitXml };
     static const option kLong[] = {{"su", no_argument, nullptr, kOptSu},
                                    {"su-prefix", required_argument, nullptr, kOptSuPrefix},
                                    {"pre-cmd", required_argument, nullptr, kOptPreCmd},
                                    {"demo", no_argument, nullptr, kOptDemo},
+                                   {"json", no_argument, nullptr, kOptJson},
+                                   {"junit-xml", required_argument, nullptr, kOptJunitXml},
                                    {"help", no_argument, nullptr, 'h'},
                                    {nullptr, 0, nullptr, 0}};
     bool preCmdGiven = false;
@@ -118,6 +135,12 @@ bool parse_options(int argc, char** argv, Options& opts) {
                 break;
             case kOptDemo:
                 opts.demo = true;
+                break;
+            case kOptJson:
+                opts.json = true;
+                break;
+            case kOptJunitXml:
+                opts.junitPath = optarg;
                 break;
             case 'h':
                 print_usage(stdout, argv[0]);
@@ -182,9 +205,9 @@ void install_signal_handlers() {
     signal(SIGPIPE, SIG_IGN);
 }
 
-// Reads standard input and runs its commands until the tool should stop.
-// Returns a short reason for stopping.
-const char* main_loop(Host& host) {
+// Reads standard input and runs its commands until the tool should stop; reads
+// the exit reports too when there are any. Returns a short reason for stopping.
+const char* main_loop(Host& host, ExitReportPipe* reports) {
     bool inputOpen = true;
     bool warned = false;
     std::string pending;
@@ -194,6 +217,8 @@ const char* main_loop(Host& host) {
             return g_stopSignal == SIGINT ? "interrupted" : "terminated";
         if (host.allDone())
             return "all tests closed";
+        if (reports != nullptr && host.allEnded(kExitSettle))
+            return "all tests ended";
         if (!warned && host.launched() > host.registered() &&
             std::chrono::steady_clock::now() - started > kRegisterWarning) {
             warned = true;
@@ -203,9 +228,13 @@ const char* main_loop(Host& host) {
                          host.launched() - host.registered(), host.launched());
         }
 
-        pollfd pfd{STDIN_FILENO, POLLIN, 0};
-        int rc = poll(&pfd, inputOpen ? 1 : 0, kPollMs);
-        if (rc <= 0 || !inputOpen)
+        // Standard input first; a closed one is left out with a negative fd.
+        pollfd pfds[2] = {{inputOpen ? STDIN_FILENO : -1, POLLIN, 0},
+                          {reports != nullptr ? reports->readFd() : -1, POLLIN, 0}};
+        int rc = poll(pfds, 2, kPollMs);
+        if (rc > 0 && pfds[1].revents != 0 && !reports->readReports(host))
+            reports = nullptr;
+        if (rc <= 0 || !inputOpen || pfds[0].revents == 0)
             continue;
         char buf[4096];
         ssize_t n = read(STDIN_FILENO, buf, sizeof(buf));
@@ -236,12 +265,14 @@ const char* main_loop(Host& host) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    if (argc > 1 && std::strcmp(argv[1], vexahost::kReportExitOption) == 0)
+        return vexahost::run_and_report(argc, argv);
     Options opts;
     if (!parse_options(argc, argv, opts) || !check_tests(opts.tests, opts.su, argv[0]))
         return kExitUsage;
 
     install_signal_handlers();
-    Host host(opts.demo);
+    Host host(opts.demo, opts.json ? vexahost::OutputFormat::kJson : vexahost::OutputFormat::kText);
     void* server = ipc_init_server(opts.address.c_str(), vexahost::on_server_event, &host);
     if (server == nullptr) {
         std::fprintf(stderr,
@@ -259,15 +290,39 @@ int main(int argc, char** argv) {
 
     const char* dValue = opts.dValue.empty() ? nullptr : opts.dValue.c_str();
     const char* extra = opts.extraArgs.empty() ? nullptr : opts.extraArgs.c_str();
+    // A report wants the programs' exit statuses: programs started directly
+    // then go through the exit-reporting wrapper.
+    ExitReportPipe reportPipe;
+    ExitReportPipe* reports = nullptr;
+    if (!opts.junitPath.empty() && !opts.su && reportPipe.open())
+        reports = &reportPipe;
     for (const std::string& test : opts.tests) {
-        host.noteLaunched();
+        bool isSo = ends_with(test, ".so");
+        bool wrapped = reports != nullptr && !isSo;
+        size_t index = host.noteLaunched(test, isSo, wrapped);
+        if (wrapped)
+            ipc_set_su_file_path(server, reports->prefixFor(index).c_str(), "");
         ipc_run_test(server, test.c_str(), dValue, extra);
         std::fprintf(stderr, "vexahost: launched %s\n", test.c_str());
     }
 
-    const char* reason = main_loop(host);
+    const char* reason = main_loop(host, reports);
+    if (reports != nullptr && g_stopSignal == 0) {
+        for (auto end = std::chrono::steady_clock::now() + kExitWait;
+             host.exitsPending() && std::chrono::steady_clock::now() < end;) {
+            pollfd pfd{reports->readFd(), POLLIN, 0};
+            if (poll(&pfd, 1, kPollMs) > 0 && !reports->readReports(host))
+                break;
+        }
+    }
     std::fprintf(stderr, "vexahost: stopping (%s)\n", reason);
     host.setServer(nullptr);
     ipc_uninit_server(server);
+    if (!opts.junitPath.empty() &&
+        !vexahost::write_junit_report(opts.junitPath, host.record(), getpid())) {
+        std::fprintf(stderr, "vexahost: cannot write %s: %s\n", opts.junitPath.c_str(),
+                     std::strerror(errno));
+        return kExitNoReport;
+    }
     return kExitOk;
 }
