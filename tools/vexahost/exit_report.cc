@@ -43,10 +43,11 @@ int run_and_report(int argc, char** argv) {
 
     pid_t child = fork();
     if (child == 0) {
-        if (slash != nullptr)
+        if (slash != nullptr) {
             execv(program, args.data());
-        else
+        } else {
             execvp(program, args.data());
+        }
         _exit(kExitNotRun);
     }
     if (child < 0) {
@@ -110,10 +111,11 @@ bool ExitReportPipe::readReports(Host& host) {
         char kind[8] = {};
         int value = 0;
         if (std::sscanf(m_pending.substr(0, nl).c_str(), "%lu %7s %d", &index, kind, &value) == 3) {
-            if (std::strcmp(kind, "pid") == 0)
+            if (std::strcmp(kind, "pid") == 0) {
                 host.noteChildPid(index, value);
-            else if (std::strcmp(kind, "exit") == 0)
+            } else if (std::strcmp(kind, "exit") == 0) {
                 host.noteExit(index, value);
+            }
         }
         m_pending.erase(0, nl + 1);
     }

@@ -180,10 +180,11 @@ void Host::onEvent(int32_t item, int32_t event, const char* dev, const char* dat
     }
     if (!m_demo)
         return;
-    if (event == CLIENT_IPC_CONFIG)
+    if (event == CLIENT_IPC_CONFIG) {
         send(devText, item, kEchoEvent, kDemoPing, sizeof(kDemoPing) - 1);
-    else if (event == kEchoReplyEvent)
+    } else if (event == kEchoReplyEvent) {
         send(devText, item, kLeaveEvent, "", 0);
+    }
 }
 
 void Host::send(const std::string& dev, int32_t item, int32_t event, const char* data,
@@ -342,9 +343,10 @@ bool run_command(Host& host, const std::string& line) {
         // The body is the rest of the line as typed, inner blanks included.
         size_t textStart = line.find_first_not_of(" \t", pos);
         std::string text = textStart == std::string::npos ? "" : line.substr(textStart);
-        if (!host.isOpen(dev, item))
+        if (!host.isOpen(dev, item)) {
             std::fprintf(stderr, "vexahost: note: dev=%s item=%d is not registered\n", dev.c_str(),
                          item);
+        }
         host.send(dev, item, event, text.data(), static_cast<int32_t>(text.size()));
     } else {
         std::fprintf(stderr, "vexahost: unknown command \"%s\" (try help)\n", cmd.c_str());

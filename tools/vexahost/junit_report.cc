@@ -72,10 +72,11 @@ void judge(TestCase& tc, const std::vector<const std::pair<const TestKey, TestSt
         Clock::time_point ended = state.closed ? state.endedAt : end;
         last = std::max(last, ended);
         std::string what = "dev=" + reg->first.dev + " item=" + std::to_string(reg->first.item);
-        if (failure.empty() && state.offline)
+        if (failure.empty() && state.offline) {
             failure = what + " went offline (9006) without closing";
-        else if (failure.empty() && !state.closed)
+        } else if (failure.empty() && !state.closed) {
             failure = what + " was still registered when the host stopped";
+        }
     }
     if (launch != nullptr) {
         std::string exited = exit_failure(*launch);
@@ -116,10 +117,11 @@ bool write_junit_report(const std::string& path, const SessionRecord& session, i
             if (candidate && byLaunch[i].empty())
                 found = i;
         }
-        if (found < launches.size())
+        if (found < launches.size()) {
             byLaunch[found].push_back(reg);
-        else
+        } else {
             unmatched.push_back(reg);
+        }
     }
 
     Clock::time_point end = Clock::now();

@@ -176,7 +176,7 @@ bool check_tests(std::vector<std::string>& tests, bool su, const char* prog) {
         bool hasSlash = test.find('/') != std::string::npos;
         if (isSo && !hasSlash && stat(test.c_str(), &st) == 0) {
             // dlopen would search the library path, not the current directory.
-            test = "./" + test;
+            test.insert(0, "./");
             continue;
         }
         if (!hasSlash)
@@ -232,7 +232,7 @@ const char* main_loop(Host& host, ExitReportPipe* reports) {
         pollfd pfds[2] = {{inputOpen ? STDIN_FILENO : -1, POLLIN, 0},
                           {reports != nullptr ? reports->readFd() : -1, POLLIN, 0}};
         int rc = poll(pfds, 2, kPollMs);
-        if (rc > 0 && pfds[1].revents != 0 && !reports->readReports(host))
+        if (rc > 0 && reports != nullptr && pfds[1].revents != 0 && !reports->readReports(host))
             reports = nullptr;
         if (rc <= 0 || !inputOpen || pfds[0].revents == 0)
             continue;
@@ -282,10 +282,11 @@ int main(int argc, char** argv) {
         return kExitNoServer;
     }
     host.setServer(server);
-    if (!opts.su)
+    if (!opts.su) {
         ipc_set_su_file_path(server, "", "");
-    else
+    } else {
         ipc_set_su_file_path(server, opts.suPrefix.c_str(), opts.preCmd.c_str());
+    }
     std::fprintf(stderr, "vexahost: listening on %s\n", opts.address.c_str());
 
     const char* dValue = opts.dValue.empty() ? nullptr : opts.dValue.c_str();
