@@ -3,7 +3,6 @@ programs use the test copy of the library (logs in the test's own directory),
 and vexahost run as a child whose output is read line by line."""
 
 import os
-import queue
 import re
 import socket
 import subprocess
@@ -39,44 +38,43 @@ def c_env(tmp_path):
 
 
 class Vexahost:
-    """vexahost with standard output and error merged and read by a thread."""
+    """vexahost with standard output and error merged; a thread collects the
+    lines in `lines`."""
 
     def __init__(self, args, env):
         self.proc = subprocess.Popen([build_path("VEXAHOST")] + args, env=env, text=True,
                                      stdin=subprocess.PIPE, stdout=subprocess.PIPE,
                                      stderr=subprocess.STDOUT)
-        self.lines = queue.Queue()
-        self.seen = []
-        self.reader = threading.Thread(target=lambda: [self.lines.put(l) for l in self.proc.stdout],
-                                       daemon=True)
+        self.lines, self.looked_at = [], 0
+        self.reader = threading.Thread(target=self._read, daemon=True)
         self.reader.start()
+
+    def _read(self):
+        for line in self.proc.stdout:
+            self.lines.append(line)
 
     def wait_for(self, pattern):
         """The first match of `pattern` in a line not yet looked at."""
         end = time.monotonic() + LIMIT
         while time.monotonic() < end:
-            try:
-                line = self.lines.get(timeout=0.1)
-            except queue.Empty:
-                continue
-            self.seen.append(line)
-            match = re.search(pattern, line)
-            if match:
-                return match
-        raise AssertionError("no line matching %r in:\n%s" % (pattern, "".join(self.seen)))
+            while self.looked_at < len(self.lines):
+                self.looked_at += 1
+                match = re.search(pattern, self.lines[self.looked_at - 1])
+                if match:
+                    return match
+            time.sleep(0.02)
+        raise AssertionError("no line matching %r in:\n%s" % (pattern, "".join(self.lines)))
 
     def type(self, text):
         self.proc.stdin.write(text)
         self.proc.stdin.flush()
 
     def finish(self):
-        """Closes standard input and waits for the end; every line is then in
-        `seen`. Returns the exit status."""
+        """Closes standard input and waits for the end and the last line.
+        Returns the exit status."""
         self.proc.stdin.close()
         status = self.proc.wait(LIMIT)
         self.reader.join(LIMIT)
-        while not self.lines.empty():
-            self.seen.append(self.lines.get())
         return status
 
     def kill(self):

@@ -15,10 +15,10 @@ def test_demo_json_events_and_junit_report(vexahost, address, tmp_path):
     program, library = build_path("EXAMPLE_TEST"), build_path("EXAMPLE_TEST_SO")
     tool = vexahost("--demo", "--json", "--junit-xml", str(report), "-a", address, program,
                     library, str(failing))
-    assert tool.finish() == 0, "".join(tool.seen)
+    assert tool.finish() == 0, "".join(tool.lines)
 
-    notes = [line for line in tool.seen if line.startswith("vexahost: ")]
-    events = [json.loads(line) for line in tool.seen if line not in notes]
+    notes = [line for line in tool.lines if line.startswith("vexahost: ")]
+    events = [json.loads(line) for line in tool.lines if line not in notes]
     for dev, item in (("example", 1), ("so-test", 2)):
         mine = [(e["dir"], e["event"], e.get("body")) for e in events if e["dev"] == dev]
         assert ("recv", 2001, "ping from host") in mine
@@ -52,7 +52,7 @@ def test_json_keeps_every_byte_and_reports_offline(vexahost, address, tmp_path):
     client._sock.close()  # a broken registered connection: 9006
     tool.wait_for('"event":9006')
     assert tool.finish() == 0
-    events = [json.loads(line) for line in tool.seen if line.startswith("{")]
+    events = [json.loads(line) for line in tool.lines if line.startswith("{")]
     assert events[0]["dev"] == 'q"\x01'
     assert events[1]["body"].encode("latin-1") == body
     case = ElementTree.parse(report).getroot().find("testcase")
