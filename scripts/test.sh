@@ -15,7 +15,8 @@ if [ "${1:-}" = "--sanitize" ]; then
     sanitize=${2:?"--sanitize needs address or thread"}
 fi
 
-ensure_packages cmake ninja-build g++ libgtest-dev file
+ensure_packages cmake ninja-build g++ libgtest-dev file \
+    python3 python3-pytest python3-venv python3-setuptools tshark
 
 flags=""
 case "$sanitize" in
