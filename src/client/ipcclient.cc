@@ -126,17 +126,23 @@ bool IPCClient::processOnce() {
     MessageBuffer& input = m_conn->input();
     const int fd = m_conn->fd();
     if (!input.ready()) {
-        const int ready = SocketUtil::mysock_wait_readable(fd, kReceiveWaitMs);
+        // No time limit unless part of a message waits for the rest: the
+        // socket, or stop(), wakes the loop.
+        int waitMs = idleWaitMs();
+        if (input.partial()) {
+            waitMs = kReceiveWaitMs;
+        }
+        const int ready = SocketUtil::mysock_wait_readable(fd, waitMs, wakeFd());
         if (ready < 0) {
             // Nothing is closed; a lasting error makes the loop spin.
             m_logger->writeFormat("warning, select error=%s", m_sockUtil.mysock_strerror());
             return true;
         }
-        const int64_t now = comm::monotonic_ms();
         if (ready > 0) {
-            input.takeIn(fd, now);
+            input.takeIn(fd);
+        } else if (input.partial()) {
+            input.expire(comm::monotonic_ms(), m_sockUtil.mysock_read_timeout());
         }
-        input.expire(now, m_sockUtil.mysock_read_timeout());
     }
 
     IPCMessage msg{};
@@ -150,7 +156,7 @@ bool IPCClient::processOnce() {
             break;
     }
     const bool goOn = deliver(msg);
-    input.done(comm::monotonic_ms());
+    input.done();
     input.mergeSide();
     sideFilled().clear();
     if (!goOn) {

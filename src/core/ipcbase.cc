@@ -1,6 +1,8 @@
 #include "core/ipcbase.h"
 
+#include <sys/eventfd.h>
 #include <sys/time.h>
+#include <unistd.h>
 
 #include "comm/file_util.h"
 #include "comm/string_util.h"
@@ -35,9 +37,13 @@ IPCBase::IPCBase(IPCCallback callback, void* user, const std::string& logFileNam
         m_logger->writeLine("socket_init failed");
         comm::throw_failure();
     }
+    m_wakeFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
 }
 
 IPCBase::~IPCBase() {
+    if (m_wakeFd >= 0) {
+        ::close(m_wakeFd);
+    }
     m_logger->writeLine("~IPCBase");
     m_logger.reset();
 }
@@ -60,6 +66,11 @@ void IPCBase::stop() {
     m_logger->writeLine("stop");
     onStop();
     m_stop = 1;
+    if (m_wakeFd >= 0) {
+        const uint64_t one = 1;
+        // Never read back: it stays readable, and the loop ends.
+        [[maybe_unused]] ssize_t written = ::write(m_wakeFd, &one, sizeof(one));
+    }
     m_logger->writeLine("waiting processThread...");
     comm::thread_join(m_processThread);
     m_processThread = nullptr;  // the join released it

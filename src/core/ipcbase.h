@@ -99,6 +99,13 @@ class IPCBase {
     void post(Connection& conn, const char* dev, int32_t testItem, int32_t eventId);
     // The processing loop has been asked to stop; waits give up when set.
     const StopFlag* stopFlag() const { return &m_stop; }
+    // Readable once stop() has been called: the processing loop waits on it
+    // beside its sockets, so that it may wait without a time limit when
+    // nothing else needs watching. -1 when it could not be made; the loop
+    // then waits kIdleWaitMs at a time.
+    int wakeFd() const { return m_wakeFd; }
+    int idleWaitMs() const { return m_wakeFd >= 0 ? -1 : kIdleWaitMs; }
+    static constexpr int kIdleWaitMs = 5;
 
     void callBack(int32_t testItem, int32_t eventId, const char* dev, int32_t timeSec,
                   int32_t timeUsec, const char* data, int32_t dataLen) {
@@ -124,6 +131,7 @@ class IPCBase {
     IPCCallback m_callback;
     void* m_user;
     StopFlag m_stop{0};
+    int m_wakeFd = -1;
     std::vector<Connection*> m_sideFilled;  // processing thread only
     comm::ThreadHandle* m_processThread = nullptr;
     std::atomic<bool> m_running{false};

@@ -12,9 +12,9 @@
 namespace vexa {
 namespace {
 
-// Room for many small messages per read; a larger message grows the buffer to
-// its own size, and an empty buffer goes back to this.
+// Room for many small messages per read; a larger message grows the buffer.
 constexpr size_t kDefaultCapacity = 64 * 1024;
+constexpr size_t kLargestCapacity = IPC_HEAD_SIZE + kMaxBodyLength + kDefaultCapacity;
 constexpr size_t kSideChunk = 64 * 1024;
 
 bool would_block(int err) {
@@ -23,14 +23,15 @@ bool would_block(int err) {
 
 }  // namespace
 
-bool MessageBuffer::takeIn(int fd, int64_t nowMs) {
+bool MessageBuffer::takeIn(int fd) {
     if (m_endState != End::kOpen || m_outSize != 0 || !makeRoom()) {
         return false;
     }
     const ssize_t got = ::recv(fd, m_storage.get() + m_end, m_capacity - m_end, MSG_DONTWAIT);
     if (got > 0) {
         m_end += static_cast<size_t>(got);
-        m_lastByteMs = nowMs;
+        m_lastByteMs = comm::monotonic_ms();
+        m_silenceRestarts = false;
         return true;
     }
     if (got == 0) {
@@ -59,8 +60,10 @@ bool MessageBuffer::makeRoom() {
     if (front == 0) {
         front = IPC_HEAD_SIZE;
     }
-    const size_t capacity = std::max(kDefaultCapacity, front);
-    if (m_capacity < capacity && (m_storage == nullptr || front > m_capacity)) {
+    // A message larger than the default gets room for itself and what
+    // follows it, so that a stream of them keeps reading ahead.
+    const size_t capacity = front > kDefaultCapacity ? front + kDefaultCapacity : kDefaultCapacity;
+    if (m_storage == nullptr || front > m_capacity) {
         std::unique_ptr<char[]> grown(new char[capacity + 1]);
         if (buffered() > 0) {
             std::memcpy(grown.get(), m_storage.get() + m_begin, buffered());
@@ -121,7 +124,7 @@ MessageBuffer::Next MessageBuffer::next(IPCMessage* msg, comm::Logger* logger, S
     return Next::kMessage;
 }
 
-void MessageBuffer::done(int64_t nowMs) {
+void MessageBuffer::done() {
     if (m_outSize == 0) {
         return;
     }
@@ -130,19 +133,26 @@ void MessageBuffer::done(int64_t nowMs) {
     m_outSize = 0;
     if (m_begin == m_end) {
         m_begin = m_end = 0;
-        if (m_capacity > kDefaultCapacity) {
+        // Room for the largest message is kept for the next one; what grew
+        // beyond that while a callback waited to write is given back.
+        if (m_capacity > kLargestCapacity) {
             m_storage.reset();
             m_capacity = 0;
         }
     } else {
-        // The rest of a message waited here while the last one was used: its
-        // silence counts from now, as a counted read would start now.
-        m_lastByteMs = nowMs;
+        m_silenceRestarts = true;
     }
 }
 
 bool MessageBuffer::expire(int64_t nowMs, int32_t budgetMs) {
-    if (!partial() || nowMs - m_lastByteMs <= budgetMs) {
+    if (!partial()) {
+        return false;
+    }
+    if (m_silenceRestarts) {
+        m_silenceRestarts = false;
+        m_lastByteMs = nowMs;
+    }
+    if (nowMs - m_lastByteMs <= budgetMs) {
         return false;
     }
     m_endState = End::kTimeout;

@@ -46,7 +46,7 @@ class MessageBuffer {
     // One read of what has arrived on fd, never waiting. The end of the
     // stream or a failure is kept and reported by next() once the whole
     // messages before it are out. True when bytes came in.
-    bool takeIn(int fd, int64_t nowMs);
+    bool takeIn(int fd);
     // next() would give kMessage or kFailed without reading.
     bool ready() const;
     // Part of a message waits for the rest.
@@ -55,7 +55,7 @@ class MessageBuffer {
     // NUL after the body, valid until done()); or the failure, logged.
     Next next(IPCMessage* msg, comm::Logger* logger, SocketUtil& util);
     // The message from next() has been used.
-    void done(int64_t nowMs);
+    void done();
     // Part of a message has waited longer than budgetMs since its last byte:
     // the read fails as a counted read whose wait ran out would.
     bool expire(int64_t nowMs, int32_t budgetMs);
@@ -94,6 +94,9 @@ class MessageBuffer {
     size_t m_outSize = 0;  // size of the message handed out, 0 when none
     char m_underNul = 0;   // the byte the NUL after that message covers
     int64_t m_lastByteMs = 0;
+    // A message was used since the last byte came: the silence of the rest
+    // counts from the next look at it, as a counted read would start then.
+    bool m_silenceRestarts = false;
     End m_endState = End::kOpen;
     int m_error = 0;
     Side m_side;

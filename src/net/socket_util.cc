@@ -319,9 +319,17 @@ void SocketUtil::mysock_close(int fd) {
     }
 }
 
-int SocketUtil::mysock_wait_readable(int fd, int timeoutMs) {
-    short revents = 0;
-    return poll_one(fd, POLLIN, timeoutMs, &revents);
+int SocketUtil::mysock_wait_readable(int fd, int timeoutMs, int wakeFd) {
+    pollfd p[2] = {{fd, POLLIN, 0}, {wakeFd, POLLIN, 0}};
+    const int rc = poll(p, wakeFd >= 0 ? 2 : 1, timeoutMs);
+    if (rc <= 0) {
+        return rc;
+    }
+    if ((p[0].revents & POLLNVAL) != 0) {
+        errno = EBADF;
+        return -1;
+    }
+    return p[0].revents != 0 ? 1 : 0;
 }
 
 int SocketUtil::mysock_option_nodelay(int fd) {

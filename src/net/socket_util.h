@@ -120,10 +120,11 @@ class SocketUtil {
     // Closes a descriptor >= 0.
     static void mysock_close(int fd);
 
-    // One wait of `timeoutMs` for readability of one descriptor, with the
-    // results of select(): > 0 ready (also on hang-up or error), 0 time-out,
-    // -1 failure (errno set; EBADF for a descriptor that is not open).
-    static int mysock_wait_readable(int fd, int timeoutMs);
+    // One wait of `timeoutMs` (-1: no limit) for readability of one
+    // descriptor, with the results of select(): > 0 ready (also on hang-up or
+    // error), 0 time-out, -1 failure (errno set; EBADF for a descriptor that
+    // is not open). A readable `wakeFd` (when >= 0) ends the wait with 0.
+    static int mysock_wait_readable(int fd, int timeoutMs, int wakeFd = -1);
 
     // Socket options: thin setsockopt/fcntl/signal calls with fixed values.
     static int mysock_option_nodelay(int fd);

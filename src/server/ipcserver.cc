@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
@@ -22,13 +23,17 @@ namespace vexa {
 namespace {
 
 constexpr int kLoopWaitMs = 5;
-constexpr uint32_t kIdleSleepMs = 10;
 constexpr int kAcceptWaitMs = 5;
 // The kernel caps it at the system's maximum (net.core.somaxconn): a burst
 // of connecting tests never waits for a SYN retry.
 constexpr int kListenBacklog = INT_MAX;
 constexpr uint32_t kKillDelayMs = 500;
 constexpr int kEventsPerPass = 64;
+// Passes served from what was already received before the sockets are asked
+// again: few enough that a busy connection cannot keep another waiting long.
+constexpr int kPassesPerWait = 64;
+// A wait shorter than this did not sleep: what it found was already there.
+constexpr std::chrono::microseconds kQuickWait{5};
 const char kSource[] = "ipcserver";
 
 // dev as received may fill all 80 bytes without a NUL.
@@ -143,6 +148,12 @@ int IPCServer::setupSocket() {
         m_logger->writeFormat("epoll_create error=%s", m_sockUtil.mysock_strerror());
         comm::throw_failure();
     }
+    if (wakeFd() >= 0) {
+        epoll_event wake{};
+        wake.events = EPOLLIN;
+        wake.data.ptr = nullptr;  // no connection: stop() was called
+        epoll_ctl(m_epoll, EPOLL_CTL_ADD, wakeFd(), &wake);
+    }
     m_events.resize(kEventsPerPass);
     return rc;
 }
@@ -174,7 +185,6 @@ void IPCServer::acceptLoop() {
         {
             comm::MutexGuard guard(m_clientLock.get(), kSource, 210, 212);
             m_sockets.push_back(conn);
-            m_socketCount = m_sockets.size();
         }
         // Listed first, so that the loop knows every connection it hears of.
         epoll_event interest{};
@@ -207,24 +217,45 @@ size_t IPCServer::clientCount() {
 
 bool IPCServer::processOnce() {
     reapChildren();
-    if (m_socketCount == 0 && m_lingering.empty()) {
-        comm::sleep_ms(kIdleSleepMs);
-        return true;
+    if (!m_lingering.empty() || !m_stalled.empty()) {
+        const int64_t now = comm::monotonic_ms();
+        serviceLingering(now);
+        expireStalled(now);
     }
-    int64_t now = comm::monotonic_ms();
-    serviceLingering(now);
-    expireStalled(now);
     // A connection with a whole message already here is ready without waiting.
-    const int events = epoll_wait(m_epoll, m_events.data(), static_cast<int>(m_events.size()),
-                                  m_pending.empty() ? kLoopWaitMs : 0);
+    // Otherwise the loop sleeps until a socket (or stop) wakes it, and looks
+    // again every few milliseconds only while something needs watching that
+    // no socket announces: children to reap, answers to finish, messages
+    // that are late to complete.
+    if (m_readFirst && m_pending.empty()) {
+        readFirst();
+    }
+    int waitMs = idleWaitMs();
+    if (!m_pending.empty()) {
+        waitMs = 0;
+    } else if (m_childCount != 0 || !m_lingering.empty() || !m_stalled.empty()) {
+        waitMs = kLoopWaitMs;
+    }
+    // While messages are already here, the sockets are asked only every few
+    // passes: a stream of small messages then costs no system call each.
+    int events = 0;
+    if (waitMs != 0 || ++m_passesWithoutWait >= kPassesPerWait) {
+        m_passesWithoutWait = 0;
+        const auto before = std::chrono::steady_clock::now();
+        events = epoll_wait(m_epoll, m_events.data(), static_cast<int>(m_events.size()), waitMs);
+        if (waitMs != 0) {
+            // A wait that found input at once: answers come back faster than
+            // the loop goes round, so the next pass reads before it waits.
+            m_readFirst = events > 0 && std::chrono::steady_clock::now() - before < kQuickWait;
+        }
+    }
     if (events <= 0 && m_pending.empty()) {
         return true;
     }
     collectReady(events);
-    now = comm::monotonic_ms();
     m_removeList.clear();
     for (Connection* conn : m_ready) {
-        serveOne(conn, now);
+        serveOne(conn);
     }
     removeConnections();
     mergeSideInput();
@@ -253,28 +284,39 @@ void IPCServer::reapChildren() {
     m_childCount = m_children.size();
 }
 
-void IPCServer::collectReady(int events) {
-    m_ready.clear();
-    for (const ConnectionPtr& conn : m_pending) {
-        m_ready.push_back(conn.get());
+void IPCServer::readFirst() {
+    Connection* conn = m_lastServed;
+    m_readFirst = conn != nullptr && !conn->closing() && conn->input().takeIn(conn->fd());
+    if (m_readFirst && conn->input().ready()) {
+        m_pending.push_back(conn);
     }
-    m_pending.clear();
-    for (int i = 0; i < events; ++i) {
-        m_ready.push_back(static_cast<Connection*>(m_events[i].data.ptr));
-    }
-    // The order a pass has always had: the socket list's, oldest first.
-    std::sort(m_ready.begin(), m_ready.end(),
-              [](const Connection* a, const Connection* b) { return a->serial() < b->serial(); });
-    m_ready.erase(std::unique(m_ready.begin(), m_ready.end()), m_ready.end());
 }
 
-void IPCServer::serveOne(Connection* conn, int64_t nowMs) {
+void IPCServer::collectReady(int events) {
+    m_ready.clear();
+    m_ready.swap(m_pending);
+    m_pending.clear();
+    for (int i = 0; i < events; ++i) {
+        if (m_events[i].data.ptr != nullptr) {
+            m_ready.push_back(static_cast<Connection*>(m_events[i].data.ptr));
+        }
+    }
+    // The order a pass has always had: the socket list's, oldest first.
+    if (m_ready.size() > 1) {
+        std::sort(m_ready.begin(), m_ready.end(), [](const Connection* a, const Connection* b) {
+            return a->serial() < b->serial();
+        });
+        m_ready.erase(std::unique(m_ready.begin(), m_ready.end()), m_ready.end());
+    }
+}
+
+void IPCServer::serveOne(Connection* conn) {
     if (conn->closing()) {
         return;  // ended earlier in this pass
     }
     MessageBuffer& input = conn->input();
     if (!input.ready()) {
-        input.takeIn(conn->fd(), nowMs);
+        input.takeIn(conn->fd());
     }
     IPCMessage msg{};
     switch (input.next(&msg, m_logger.get(), m_sockUtil)) {
@@ -286,7 +328,8 @@ void IPCServer::serveOne(Connection* conn, int64_t nowMs) {
             return;
         case MessageBuffer::Next::kMessage:
             handleMessage(conn, msg);
-            input.done(nowMs);
+            input.done();
+            m_lastServed = conn;
             mergeSideInput();
             break;
     }
@@ -294,37 +337,40 @@ void IPCServer::serveOne(Connection* conn, int64_t nowMs) {
         return;
     }
     if (input.ready()) {
-        m_pending.push_back(conn->shared_from_this());
+        m_pending.push_back(conn);
     } else if (input.partial() &&
-               std::none_of(m_stalled.begin(), m_stalled.end(),
-                            [conn](const ConnectionPtr& c) { return c.get() == conn; })) {
-        m_stalled.push_back(conn->shared_from_this());
+               std::find(m_stalled.begin(), m_stalled.end(), conn) == m_stalled.end()) {
+        m_stalled.push_back(conn);
     }
 }
 
 void IPCServer::handleMessage(Connection* conn, const IPCMessage& msg) {
-    const std::string dev = dev_text(msg);
-    const std::string key = make_client_key(dev, msg.test_item);
+    // dev as received may fill all 80 bytes without a NUL.
+    char dev[IPC_DEV_SIZE + 1];
+    const size_t devLength = strnlen(msg.dev, IPC_DEV_SIZE);
+    std::memcpy(dev, msg.dev, devLength);
+    dev[devLength] = '\0';
+    make_client_key(dev, devLength, msg.test_item, &m_key);
     if (msg.event_id == CLIENT_IPC_CONFIG) {
-        registerClient(conn, msg, key);
+        registerClient(conn, msg, m_key);
     }
     bool known = false;
     {
         comm::MutexGuard guard(m_clientLock.get(), kSource, 360, 362);
-        known = m_clients.count(key) != 0;
+        known = m_clients.count(m_key) != 0;
     }
     if (!known) {
         return;  // messages are routed by dev and test_item; strangers are dropped
     }
     if (msg.event_id == CLIENT_IPC_EXIT) {
-        handleExit(conn, msg, key);
+        handleExit(conn, msg, m_key);
         return;
     }
     if (tracing()) {
-        m_logger->writeFormat("recv dev=%s test_item=%d event_id=%d data_len=%d", dev.c_str(),
+        m_logger->writeFormat("recv dev=%s test_item=%d event_id=%d data_len=%d", dev,
                               msg.test_item, msg.event_id, msg.data_len);
     }
-    callBack(msg.test_item, msg.event_id, dev.c_str(), msg.time_sec, msg.time_usec, msg.data,
+    callBack(msg.test_item, msg.event_id, dev, msg.time_sec, msg.time_usec, msg.data,
              msg.data_len);
     if (tracing()) {
         m_logger->writeLine("call finish");
@@ -469,7 +515,7 @@ void IPCServer::mergeSideInput() {
     for (Connection* conn : sideFilled()) {
         conn->input().mergeSide();
         if (!conn->closing() && conn->input().ready()) {
-            m_pending.push_back(conn->shared_from_this());
+            m_pending.push_back(conn);
         }
     }
     sideFilled().clear();
@@ -497,7 +543,6 @@ void IPCServer::removeConnections() {
         auto listed = std::find(m_sockets.begin(), m_sockets.end(), removal.conn);
         if (listed != m_sockets.end()) {
             m_sockets.erase(listed);
-            m_socketCount = m_sockets.size();
         }
         for (auto entry = m_clients.begin(); entry != m_clients.end();) {
             if (entry->second.conn == removal.conn) {
@@ -510,6 +555,13 @@ void IPCServer::removeConnections() {
         comm::mutex_unlock(m_clientLock.get(), kSource, 403);
         // Raised for every removed socket, with or without a child behind it.
         ++m_exitedCount;
+        // No pointer to it may outlive the list's.
+        Connection* gone = removal.conn.get();
+        m_pending.erase(std::remove(m_pending.begin(), m_pending.end(), gone), m_pending.end());
+        m_stalled.erase(std::remove(m_stalled.begin(), m_stalled.end(), gone), m_stalled.end());
+        if (m_lastServed == gone) {
+            m_lastServed = nullptr;
+        }
         if (removal.reportRest) {
             for (const ItemClient& item : rest) {
                 if (!item.closing) {

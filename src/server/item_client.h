@@ -26,6 +26,8 @@ struct ItemClient {
 // separator, so "phone"/12 and "phone1"/2 share the key "phone12" and the later
 // registration replaces the earlier one; this is intended.
 std::string make_client_key(const std::string& dev, int32_t testItem);
+// The same into `key`, reusing its storage.
+void make_client_key(const char* dev, size_t devLength, int32_t testItem, std::string* key);
 
 // "pid=%d dev=%s test_item=%d socket=%d", cut at 259 characters.
 std::string item_client_text(const ItemClient& item);
