@@ -1,8 +1,11 @@
-// readMsgFromSocket on arbitrary bytes: the input is written into one end of a
-// connected socket pair, whose write side is then shut down, and messages are
-// read from the other end until the reader refuses. Every accepted message is
-// compared with the bytes that were sent, and every refusal must have a reason
-// in those bytes (a short head or body, a negative or too large length).
+// The message readers on arbitrary bytes. The input is written into one end of
+// a connected socket pair, whose write side is then shut down, and messages are
+// read from the other end with readMsgFromSocket until it refuses. Every
+// accepted message is compared with the bytes that were sent, and every
+// refusal must have a reason in those bytes (a short head or body, a negative
+// or too large length). Then the same bytes go to the buffered reader of the
+// endpoints (MessageBuffer) in chunks of sizes drawn from the input, and it
+// must give the same messages, the same refusal and the same log lines.
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -15,8 +18,12 @@
 #include <memory>
 #include <thread>
 
+#include <string>
+#include <vector>
+
 #include "comm/logger.h"
 #include "core/ipc_message.h"
+#include "core/message_buffer.h"
 #include "fuzz_support.h"
 
 namespace {
@@ -26,24 +33,119 @@ namespace {
 constexpr int32_t kIoTimeoutMs = 1000;
 // Two messages with the largest body fit; anything longer is not tried.
 constexpr size_t kMaxInput = 2 * (100 + 512000);
-// The reader's log is started afresh this often, so it stays small.
-constexpr int kRunsPerLog = 1000;
 
 struct Reader {
-    Reader() : logger(vexa_fuzz::sandbox_file("reader.log"), true, false, false, 0) {
+    Reader()
+        : logger(vexa_fuzz::sandbox_file("reader.log"), true, false, false, 0),
+          bufferedLogger(vexa_fuzz::sandbox_file("buffered.log"), true, false, false, 0) {
         util.mysock_init_with_logger(&logger);
         util.mysock_set_read_timeout(kIoTimeoutMs);
         util.mysock_set_write_timeout(kIoTimeoutMs);
+        bufferedUtil.mysock_init_with_logger(&bufferedLogger);
         // Exactly the size the endpoints give their receive buffer, so that a
         // write past it is caught.
         body.reset(new char[IPC_MAX_DATA_LEN]);
     }
+    // Both logs start afresh, so that each run's lines can be compared.
+    void restartLogs() {
+        logger.close();
+        logger.open(vexa_fuzz::sandbox_file("reader.log"), true, false, true, 0);
+        bufferedLogger.close();
+        bufferedLogger.open(vexa_fuzz::sandbox_file("buffered.log"), true, false, true, 0);
+    }
 
     comm::Logger logger;
     vexa::SocketUtil util;
+    comm::Logger bufferedLogger;
+    vexa::SocketUtil bufferedUtil;
     std::unique_ptr<char[]> body;
-    int runs = 0;
 };
+
+// A message as a reader gave it: head fields, then the body.
+std::string flatten(const vexa::IPCMessage& msg) {
+    std::string bytes(msg.dev, sizeof(msg.dev));
+    for (int32_t field : {msg.test_item, msg.event_id, msg.time_sec, msg.time_usec, msg.data_len})
+        bytes.append(reinterpret_cast<const char*>(&field), sizeof(field));
+    return bytes.append(msg.data, static_cast<size_t>(msg.data_len));
+}
+
+// A log's texts without their time stamps and without the error text, which
+// is whatever errno held when a stream ended.
+std::vector<std::string> log_texts(const std::string& path) {
+    std::vector<std::string> texts;
+    FILE* in = std::fopen(path.c_str(), "r");
+    if (in == nullptr)
+        return texts;
+    char line[8192];
+    while (std::fgets(line, sizeof(line), in) != nullptr) {
+        std::string text = line;
+        const size_t blank = text.find(' ', text.find(' ') + 1);  // after date and time
+        text = blank == std::string::npos ? text : text.substr(blank + 1);
+        const size_t error = text.find("error=");
+        texts.push_back(error == std::string::npos ? text : text.substr(0, error));
+    }
+    std::fclose(in);
+    return texts;
+}
+
+// Chunk sizes from 1 to 4096 bytes, drawn from the input itself.
+class Chunks {
+  public:
+    Chunks(const uint8_t* data, size_t size) {
+        for (size_t i = 0; i < size; ++i)
+            m_state = (m_state ^ data[i]) * 1099511628211ull;
+    }
+    size_t next() {
+        m_state = m_state * 6364136223846793005ull + 1442695040888963407ull;
+        return 1 + (m_state >> 33) % 4096;
+    }
+
+  private:
+    uint64_t m_state = 1469598103934665603ull;
+};
+
+// What the buffered reader makes of `data` when it arrives in chunks: its
+// messages, in order. Ends at its refusal, which must come.
+std::vector<std::string> read_buffered(const uint8_t* data, size_t size, Reader& r) {
+    int fds[2];
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds) != 0) {
+        std::perror("socketpair");
+        std::abort();
+    }
+    fcntl(fds[1], F_SETFL, O_NONBLOCK);
+    vexa::MessageBuffer buffer;
+    std::vector<std::string> messages;
+    Chunks chunks(data, size);
+    size_t sent = 0;
+    bool ended = false;
+    for (bool refused = false; !refused;) {
+        if (sent < size) {
+            const ssize_t n = send(fds[1], data + sent, std::min(chunks.next(), size - sent),
+                                   MSG_NOSIGNAL);
+            sent += n > 0 ? static_cast<size_t>(n) : 0;
+        } else if (!ended) {
+            shutdown(fds[1], SHUT_WR);
+            ended = true;
+        }
+        buffer.takeIn(fds[0]);
+        for (;;) {
+            vexa::IPCMessage msg{};
+            const vexa::MessageBuffer::Next next = buffer.next(&msg, &r.bufferedLogger, r.bufferedUtil);
+            if (next == vexa::MessageBuffer::Next::kMessage) {
+                FUZZ_CHECK(msg.data[msg.data_len] == '\0');
+                messages.push_back(flatten(msg));
+                buffer.done();
+                continue;
+            }
+            refused = next == vexa::MessageBuffer::Next::kFailed;
+            FUZZ_CHECK(!refused || ended || !buffer.partial());
+            break;
+        }
+    }
+    close(fds[0]);
+    close(fds[1]);
+    return messages;
+}
 
 Reader& reader() {
     static Reader* instance = new Reader();
@@ -117,9 +219,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         std::perror("socketpair");
         std::abort();
     }
+    r.restartLogs();
     std::thread writer = write_input(fds[1], data, size);
 
     const vexa::StopFlag abort{0};
+    std::vector<std::string> messages;
     size_t offset = 0;
     for (;;) {
         vexa::IPCMessage msg{};
@@ -146,6 +250,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         FUZZ_CHECK(msg.data_len == big_endian_at(head + 96));
         FUZZ_CHECK(std::memcmp(msg.data, head + 100, static_cast<size_t>(msg.data_len)) == 0);
         FUZZ_CHECK(msg.data[msg.data_len] == '\0');
+        messages.push_back(flatten(msg));
         offset += 100 + static_cast<size_t>(msg.data_len);
     }
 
@@ -156,9 +261,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     close(fds[1]);
 
-    if (++r.runs % kRunsPerLog == 0) {
-        r.logger.close();
-        r.logger.open(vexa_fuzz::sandbox_file("reader.log"), true, false, false, 0);
-    }
+    FUZZ_CHECK(read_buffered(data, size, r) == messages);
+    FUZZ_CHECK(log_texts(vexa_fuzz::sandbox_file("buffered.log")) ==
+               log_texts(vexa_fuzz::sandbox_file("reader.log")));
     return 0;
 }
