@@ -1,12 +1,17 @@
 #include "idle_check.h"
 
+#include <arpa/inet.h>
 #include <fcntl.h>
+#include <netinet/in.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdio>
 #include <thread>
 #include <vector>
 
@@ -18,6 +23,20 @@ extern char** environ;
 
 namespace bench {
 namespace {
+
+// A process holding `count` sockets needs that many descriptors and some.
+bool raise_open_file_limit(int count) {
+    const auto needed = static_cast<rlim_t>(count) + 64;
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0)
+        return false;
+    if (limit.rlim_cur >= needed)
+        return true;
+    limit.rlim_cur = needed;
+    if (limit.rlim_max < needed)
+        limit.rlim_max = needed;  // works for root only
+    return setrlimit(RLIMIT_NOFILE, &limit) == 0;
+}
 
 // This program again with `args`; its standard input is a pipe whose write
 // end goes to *stdinWrite. 0 when it could not be started.
@@ -73,10 +92,40 @@ int run_idle_client(const char* address, const char* dev) {
     return 0;
 }
 
-IdleResult measure_idle(const std::string& self, int clients, bool logsOn, double seconds) {
+int run_idle_connections(int port, int count) {
+    if (!raise_open_file_limit(count)) {
+        std::perror("setrlimit(RLIMIT_NOFILE)");
+        return 1;
+    }
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    addr.sin_port = htons(static_cast<uint16_t>(port));
+    const int32_t pid = getpid();
+    std::vector<int> sockets;
+    for (int i = 0; i < count; ++i) {
+        int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        const std::string dev = "idle" + std::to_string(i);
+        // The body is the pid in this machine's byte order, as a client sends it.
+        if (fd < 0 || connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0 ||
+            !write_frame(fd, CLIENT_IPC_CONFIG, &pid, sizeof(pid), dev.c_str(), kTestItem)) {
+            std::perror("idle connection");
+            return 1;
+        }
+        sockets.push_back(fd);
+    }
+    wait_for_end_of_stdin();
+    for (int fd : sockets)
+        close(fd);
+    return 0;
+}
+
+IdleResult measure_idle(const std::string& self, IdleLoad load, bool logsOn, double seconds) {
     IdleResult result;
-    result.clients = clients;
+    result.load = load;
     result.logsOn = logsOn;
+    if (load.rawConnections && !raise_open_file_limit(load.clients))
+        return result;
     set_endpoint_logs(logsOn);
     RegistrationCount registrations;
     int port = 0;
@@ -86,9 +135,14 @@ IdleResult measure_idle(const std::string& self, int clients, bool logsOn, doubl
 
     std::vector<pid_t> children;
     std::vector<int> stdinPipes;
-    for (int i = 0; i < clients; ++i) {
-        std::vector<std::string> args = {"--idle-client", "tcp://:" + std::to_string(port),
-                                         "idle" + std::to_string(i)};
+    const int processes = load.rawConnections ? 1 : load.clients;
+    for (int i = 0; i < processes; ++i) {
+        std::vector<std::string> args =
+            load.rawConnections
+                ? std::vector<std::string>{"--idle-connections", std::to_string(port),
+                                           std::to_string(load.clients)}
+                : std::vector<std::string>{"--idle-client", "tcp://:" + std::to_string(port),
+                                           "idle" + std::to_string(i)};
         int stdinWrite = -1;
         pid_t pid = spawn_self(self, args, &stdinWrite);
         if (pid == 0)
@@ -97,7 +151,8 @@ IdleResult measure_idle(const std::string& self, int clients, bool logsOn, doubl
         stdinPipes.push_back(stdinWrite);
     }
 
-    if (static_cast<int>(children.size()) == clients && registrations.waitFor(clients, 15000)) {
+    if (static_cast<int>(children.size()) == processes &&
+        registrations.waitFor(load.clients, 60000)) {
         std::this_thread::sleep_for(std::chrono::milliseconds(300));
         std::vector<double> childBefore;
         for (pid_t pid : children)
@@ -116,7 +171,7 @@ IdleResult measure_idle(const std::string& self, int clients, bool logsOn, doubl
     }
 
     for (int fd : stdinPipes)
-        close(fd);  // the clients leave in order
+        close(fd);  // the clients leave
     const int64_t giveUp = now_ns() + int64_t{10} * 1000000000;
     for (pid_t pid : children) {
         int status = 0;

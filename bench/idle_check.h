@@ -8,20 +8,30 @@
 
 namespace bench {
 
+// Who keeps the server company.
+struct IdleLoad {
+    int clients = 0;
+    // false: library clients, one child process each; true: one child
+    // process holding that many raw TCP connections, each registered with a
+    // hand-written frame (library clients each wake every few milliseconds,
+    // and thousands of them would swamp the machine).
+    bool rawConnections = false;
+};
+
 struct IdleResult {
     bool ok = false;
-    int clients = 0;
+    IdleLoad load;
     bool logsOn = false;
     double serverPercent = 0;  // of one core
     double clientPercent = 0;  // of one core, per child process
 };
 
-// `clients` library clients, one child process each.
-IdleResult measure_idle(const std::string& self, int clients, bool logsOn, double seconds);
+IdleResult measure_idle(const std::string& self, IdleLoad load, bool logsOn, double seconds);
 
-// The child's side, run by main for its child mode: connect and register,
-// then wait for the end of standard input and leave in order.
+// The children's sides, run by main for its child modes: connect and register,
+// then wait for the end of standard input and leave.
 int run_idle_client(const char* address, const char* dev);
+int run_idle_connections(int port, int count);
 
 }  // namespace bench
 

@@ -43,6 +43,7 @@ std::string address_of(int port) {
 
 int host_callback(void* user, int32_t /*item*/, int32_t eventId, const char* /*dev*/,
                   int32_t /*sec*/, int32_t /*usec*/, const char* data, int32_t len) {
+    using EchoUse = LibraryRig::EchoUse;
     auto* host = static_cast<LibraryRig::HostSide*>(user);
     const int64_t now = now_ns();
     if (eventId == CLIENT_IPC_CONFIG) {
@@ -52,13 +53,20 @@ int host_callback(void* user, int32_t /*item*/, int32_t eventId, const char* /*d
     std::unique_lock<std::mutex> guard(host->lock);
     switch (eventId) {
         case kPing:
-            if (!host->rttActive)
+            if (host->echoUse == EchoUse::kHandToWaiter) {
+                host->echoLen = len;
+                host->echoArrived = true;
+                guard.unlock();
+                host->changed.notify_all();
+                break;
+            }
+            if (host->echoUse != EchoUse::kAnswerInCallback)
                 break;
             if (len != host->rttLen)
                 host->badMessage = true;
             host->samples.push_back(static_cast<double>(now - host->sentAt) / 1000.0);
             if (host->samples.size() >= host->wanted || now >= host->deadline || host->badMessage) {
-                host->rttActive = false;
+                host->echoUse = EchoUse::kIgnore;
                 host->rttDone = true;
                 host->changed.notify_all();
                 break;
@@ -190,7 +198,7 @@ RttResult LibraryRig::roundTripInCallback(int32_t size, int durationMs, size_t m
         m_host.rttLen = size;
         m_host.rttDone = false;
         m_host.badMessage = false;
-        m_host.rttActive = true;
+        m_host.echoUse = EchoUse::kAnswerInCallback;
         m_host.deadline = now_ns() + int64_t{durationMs} * 1000000;
         m_host.sentAt = now_ns();
     }
@@ -198,10 +206,41 @@ RttResult LibraryRig::roundTripInCallback(int32_t size, int durationMs, size_t m
     std::unique_lock<std::mutex> guard(m_host.lock);
     if (!m_host.changed.wait_for(guard, std::chrono::milliseconds(durationMs + 30000),
                                  [this] { return m_host.rttDone; })) {
-        m_host.rttActive = false;
+        m_host.echoUse = EchoUse::kIgnore;
         return {};
     }
     return round_trip_result(!m_host.badMessage, m_host.samples);
+}
+
+RttResult LibraryRig::roundTripFromHostThread(int32_t size, int durationMs, size_t maxSamples) {
+    {
+        std::lock_guard<std::mutex> guard(m_host.lock);
+        m_host.echoArrived = false;
+        m_host.echoUse = EchoUse::kHandToWaiter;
+    }
+    std::vector<double> samples;
+    samples.reserve(maxSamples);
+    const int64_t deadline = now_ns() + int64_t{durationMs} * 1000000;
+    bool ok = true;
+    while (samples.size() < maxSamples) {
+        const int64_t start = now_ns();
+        ipc_send_command(m_host.server, kTestDev, kTestItem, kPing, body_bytes(), size);
+        std::unique_lock<std::mutex> guard(m_host.lock);
+        ok = m_host.changed.wait_for(guard, std::chrono::seconds(30), [this] {
+            return m_host.echoArrived;
+        }) && m_host.echoLen == size;
+        m_host.echoArrived = false;
+        guard.unlock();
+        if (!ok)
+            break;
+        const int64_t end = now_ns();
+        samples.push_back(static_cast<double>(end - start) / 1000.0);
+        if (end >= deadline)
+            break;
+    }
+    std::lock_guard<std::mutex> guard(m_host.lock);
+    m_host.echoUse = EchoUse::kIgnore;
+    return round_trip_result(ok, samples);
 }
 
 TputResult LibraryRig::oneWay(int32_t size, int durationMs) {

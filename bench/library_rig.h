@@ -56,9 +56,15 @@ class LibraryRig {
     // ipc_send_message and the host's callback takes the time and sends the
     // next one.
     RttResult roundTripInCallback(int32_t size, int durationMs, size_t maxSamples);
+    // The same, but the host's callback hands each echo to this (the host
+    // application's) thread, which takes the time and sends the next one.
+    RttResult roundTripFromHostThread(int32_t size, int durationMs, size_t maxSamples);
     // The test sends from this thread until the time is up, then an end
     // message; the host's callback counts.
     TputResult oneWay(int32_t size, int durationMs);
+
+    // What the host's callback does with a kPing echo.
+    enum class EchoUse { kIgnore, kAnswerInCallback, kHandToWaiter };
 
     // What the host's callback works on.
     struct HostSide {
@@ -67,14 +73,16 @@ class LibraryRig {
         RegistrationCount registrations;
         void* server = nullptr;
         // round trip
-        bool rttActive = false;
+        EchoUse echoUse = EchoUse::kIgnore;
         int32_t rttLen = 0;
         bool badMessage = false;
-        bool rttDone = false;
+        bool rttDone = false;  // answered in the callback: the case is over
         int64_t sentAt = 0;
         int64_t deadline = 0;
         size_t wanted = 0;
         std::vector<double> samples;
+        bool echoArrived = false;  // handed to the waiter
+        int32_t echoLen = 0;
         // one way
         uint64_t received = 0;
         bool endSeen = false;

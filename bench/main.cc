@@ -32,6 +32,7 @@ using namespace bench;
 
 constexpr size_t kMaxSamples = 200000;
 constexpr int kIdleClients = 10;
+constexpr int kManyIdleClients = 2000;
 
 void run_round_trip(Transport& t, int32_t size, const Settings& s) {
     t.rtt(size, s.warmupMs, kMaxSamples);
@@ -90,9 +91,12 @@ std::vector<IdleResult> run_idle_checks(const Settings& s) {
     if (length <= 0)
         return results;
     self[length] = '\0';
-    for (bool logsOn : {false, true}) {
-        std::fprintf(stderr, "idle CPU, logs %s, %.1f s\n", logsOn ? "on" : "off", s.idleSeconds);
-        results.push_back(measure_idle(self, kIdleClients, logsOn, s.idleSeconds));
+    for (IdleLoad load : {IdleLoad{kIdleClients, false}, IdleLoad{kManyIdleClients, true}}) {
+        for (bool logsOn : {false, true}) {
+            std::fprintf(stderr, "idle CPU, %d clients, logs %s, %.1f s\n", load.clients,
+                         logsOn ? "on" : "off", s.idleSeconds);
+            results.push_back(measure_idle(self, load, logsOn, s.idleSeconds));
+        }
     }
     return results;
 }
@@ -169,6 +173,8 @@ void reexec_with_log_dir(char** argv) {
 int main(int argc, char** argv) {
     if (argc == 4 && std::strcmp(argv[1], "--idle-client") == 0)
         return run_idle_client(argv[2], argv[3]);
+    if (argc == 4 && std::strcmp(argv[1], "--idle-connections") == 0)
+        return run_idle_connections(std::atoi(argv[2]), std::atoi(argv[3]));
 
     Settings settings = parse_options(argc, argv);
     if (endpoint_log_dir().empty())

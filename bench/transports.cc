@@ -40,6 +40,13 @@ std::vector<Transport> make_transports(LibraryRig* logsOff, LibraryRig* logsOn) 
     rows.push_back(raw_row("raw TCP (baseline)", Role::kBaseline, false));
     rows.push_back(raw_row("raw TCP, library's buffer sizes", Role::kOther, true));
     rows.push_back(library_row("vexatool, logs off", Role::kLibraryOff, logsOff, false));
+    Transport fromHost = library_row("vexatool, logs off, host's thread",
+                                     Role::kLibraryOffFromHostThread, logsOff, false);
+    fromHost.rtt = [logsOff](int32_t size, int ms, size_t max) {
+        return logsOff->roundTripFromHostThread(size, ms, max);
+    };
+    fromHost.tput = nullptr;  // the same one-way traffic as the row above
+    rows.push_back(fromHost);
     rows.push_back(library_row("vexatool, logs on", Role::kLibraryOn, logsOn, true));
 #ifdef VEXA_BENCH_HAVE_ZMQ
     Transport zmq;

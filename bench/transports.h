@@ -16,7 +16,7 @@
 namespace bench {
 
 // The rows the targets are checked on.
-enum class Role { kBaseline, kLibraryOff, kLibraryOn, kOther };
+enum class Role { kBaseline, kLibraryOff, kLibraryOffFromHostThread, kLibraryOn, kOther };
 
 using RttFn = std::function<RttResult(int32_t size, int durationMs, size_t maxSamples)>;
 using TputFn = std::function<TputResult(int32_t size, int durationMs)>;
