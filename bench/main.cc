@@ -8,6 +8,7 @@
 // temporary directory (VEXA_TEST_ENDPOINT_LOG_DIR, read by the test copy of
 // the library when it is loaded, so the program sets it and starts itself
 // again). All traffic stays on 127.0.0.1 and every case is bounded in time.
+#include <sched.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -104,9 +105,10 @@ std::vector<IdleResult> run_idle_checks(const Settings& s) {
 void usage() {
     std::printf(
         "usage: vexa_bench [--rounds N] [--case-ms MS] [--idle-seconds S] [--no-idle]\n"
-        "                  [--quick] [--only TEXT] [--size BYTES]...\n"
+        "                  [--quick] [--only TEXT] [--size BYTES]... [--pin CPU]\n"
         "Measures libvexatool64 against a raw loopback TCP baseline (and ZeroMQ when built\n"
-        "with it) and prints the tables; progress goes to standard error.\n");
+        "with it) and prints the tables; progress goes to standard error. --pin CPU runs\n"
+        "every process and thread of the run on that one CPU.\n");
 }
 
 Settings parse_options(int argc, char** argv) {
@@ -136,6 +138,8 @@ Settings parse_options(int argc, char** argv) {
             settings.sizes.push_back(std::min(std::max(0, std::atoi(next())), kBiggestBody));
         } else if (arg == "--only") {
             settings.only = next();
+        } else if (arg == "--pin") {
+            settings.pinCpu = std::atoi(next());
         } else if (arg == "--quick") {
             settings.rounds = 1;
             settings.caseMs = 200;
@@ -147,6 +151,31 @@ Settings parse_options(int argc, char** argv) {
         }
     }
     return settings;
+}
+
+// Binds this thread, and so every thread and process it starts from now on
+// (the re-executed program and its children included), to one CPU.
+void pin_to(int cpu) {
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    if (cpu >= 0 && cpu < CPU_SETSIZE)
+        CPU_SET(cpu, &set);
+    if (CPU_COUNT(&set) != 1 || sched_setaffinity(0, sizeof(set), &set) != 0) {
+        std::fprintf(stderr, "vexa_bench: cannot pin to CPU %d\n", cpu);
+        std::exit(2);
+    }
+}
+
+// The one CPU this process may run on, -1 when it may run on more.
+int pinned_cpu() {
+    cpu_set_t set;
+    if (sched_getaffinity(0, sizeof(set), &set) != 0 || CPU_COUNT(&set) != 1)
+        return -1;
+    for (int cpu = 0; cpu < CPU_SETSIZE; ++cpu) {
+        if (CPU_ISSET(cpu, &set))
+            return cpu;
+    }
+    return -1;
 }
 
 // Starts the program again with VEXA_TEST_ENDPOINT_LOG_DIR set to a fresh
@@ -177,12 +206,16 @@ int main(int argc, char** argv) {
         return run_idle_connections(std::atoi(argv[2]), std::atoi(argv[3]));
 
     Settings settings = parse_options(argc, argv);
+    if (settings.pinCpu >= 0)
+        pin_to(settings.pinCpu);
     if (endpoint_log_dir().empty())
         reexec_with_log_dir(argv);
     const bool ownsDir = std::getenv("VEXA_BENCH_OWNS_LOG_DIR") != nullptr;
     unsetenv("VEXA_BENCH_OWNS_LOG_DIR");
     signal(SIGPIPE, SIG_IGN);
     body_bytes();
+    settings.pinnedCpu = pinned_cpu();
+    print_header(settings);
 
     LibraryRig rigLogsOff;
     LibraryRig rigLogsOn;

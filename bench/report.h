@@ -19,6 +19,8 @@ std::string fixed(double value, int decimals);
 void progress(const std::string& transport, const std::string& what, int32_t size,
               const std::string& figure);
 
+// Whether the run is pinned, first thing on standard output.
+void print_header(const Settings& settings);
 void print_report(const std::vector<Transport>& transports, const Settings& settings,
                   const std::vector<IdleResult>& idle);
 
