@@ -243,7 +243,7 @@ RttResult LibraryRig::roundTripFromHostThread(int32_t size, int durationMs, size
     return round_trip_result(ok, samples);
 }
 
-TputResult LibraryRig::oneWay(int32_t size, int durationMs) {
+TputResult LibraryRig::oneWay(int32_t size, int durationMs, uint64_t maxMessages) {
     {
         std::lock_guard<std::mutex> guard(m_host.lock);
         m_host.received = 0;
@@ -261,7 +261,7 @@ TputResult LibraryRig::oneWay(int32_t size, int durationMs) {
             break;
         }
         ++sent;
-    } while (now_ns() < deadline);
+    } while (sent < maxMessages && now_ns() < deadline);
     ipc_send_message(client, kEnd, &sent, sizeof(sent));
     std::unique_lock<std::mutex> guard(m_host.lock);
     if (failed || !m_host.changed.wait_for(guard, std::chrono::seconds(60),

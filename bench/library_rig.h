@@ -59,9 +59,9 @@ class LibraryRig {
     // The same, but the host's callback hands each echo to this (the host
     // application's) thread, which takes the time and sends the next one.
     RttResult roundTripFromHostThread(int32_t size, int durationMs, size_t maxSamples);
-    // The test sends from this thread until the time is up, then an end
-    // message; the host's callback counts.
-    TputResult oneWay(int32_t size, int durationMs);
+    // The test sends from this thread until the time is up or maxMessages are
+    // sent, then an end message; the host's callback counts.
+    TputResult oneWay(int32_t size, int durationMs, uint64_t maxMessages);
 
     // What the host's callback does with a kPing echo.
     enum class EchoUse { kIgnore, kAnswerInCallback, kHandToWaiter };

@@ -25,6 +25,7 @@
 #include "report.h"
 #include "settings.h"
 #include "statistics.h"
+#include "syscall_count.h"
 #include "transports.h"
 
 namespace {
@@ -50,9 +51,9 @@ void run_round_trip(Transport& t, int32_t size, const Settings& s) {
 }
 
 void run_one_way(Transport& t, int32_t size, const Settings& s) {
-    t.tput(size, s.warmupMs);
+    t.tput(size, s.warmupMs, UINT64_MAX);
     const double cpuBefore = process_cpu_seconds();
-    TputResult r = t.tput(size, s.caseMs);
+    TputResult r = t.tput(size, s.caseMs, UINT64_MAX);
     if (r.messages > 0)
         r.cpuUs = (process_cpu_seconds() - cpuBefore) * 1e6 / static_cast<double>(r.messages);
     t.results[size].tput.push_back(r);
@@ -105,7 +106,7 @@ std::vector<IdleResult> run_idle_checks(const Settings& s) {
 void usage() {
     std::printf(
         "usage: vexa_bench [--rounds N] [--case-ms MS] [--idle-seconds S] [--no-idle]\n"
-        "                  [--quick] [--only TEXT] [--size BYTES]... [--pin CPU]\n"
+        "                  [--no-syscalls] [--quick] [--only TEXT] [--size BYTES]... [--pin CPU]\n"
         "Measures libvexatool64 against a raw loopback TCP baseline (and ZeroMQ when built\n"
         "with it) and prints the tables; progress goes to standard error. --pin CPU runs\n"
         "every process and thread of the run on that one CPU.\n");
@@ -131,6 +132,8 @@ Settings parse_options(int argc, char** argv) {
             settings.idleSeconds = std::max(0.5, std::atof(next()));
         } else if (arg == "--no-idle") {
             settings.idle = false;
+        } else if (arg == "--no-syscalls") {
+            settings.syscallMessages = 0;
         } else if (arg == "--size") {
             if (!sizesGiven)
                 settings.sizes.clear();
@@ -145,6 +148,7 @@ Settings parse_options(int argc, char** argv) {
             settings.caseMs = 200;
             settings.warmupMs = 50;
             settings.idleSeconds = 1.0;
+            settings.syscallMessages = std::min(settings.syscallMessages, 500);
         } else {
             usage();
             std::exit(arg == "--help" || arg == "-h" ? 0 : 2);
@@ -232,12 +236,21 @@ int main(int argc, char** argv) {
         ok = run_round(transports, settings);
     }
 
+    std::string syscallsWhy = "--no-syscalls";
+    if (ok && settings.syscallMessages > 0) {
+        std::fprintf(stderr, "system calls, %d round trips and messages per case\n",
+                     settings.syscallMessages);
+        if (count_syscalls(transports, settings, &syscallsWhy))
+            syscallsWhy.clear();
+        remove_endpoint_logs();
+    }
+
     std::vector<IdleResult> idle;
     if (ok && settings.idle)
         idle = run_idle_checks(settings);
 
     if (ok)
-        print_report(transports, settings, idle);
+        print_report(transports, settings, syscallsWhy, idle);
     if (ownsDir) {
         std::error_code ec;
         std::filesystem::remove_all(endpoint_log_dir(), ec);

@@ -98,7 +98,7 @@ RttResult raw_round_trip(bool libraryBuffers, int32_t size, int durationMs, size
     return round_trip_result(ok, samples);
 }
 
-TputResult raw_one_way(bool libraryBuffers, int32_t size, int durationMs) {
+TputResult raw_one_way(bool libraryBuffers, int32_t size, int durationMs, uint64_t maxMessages) {
     int host = -1;
     int test = -1;
     if (!tcp_pair(libraryBuffers, &host, &test))
@@ -129,7 +129,7 @@ TputResult raw_one_way(bool libraryBuffers, int32_t size, int durationMs) {
             break;
         }
         ++sent;
-    } while (now_ns() < deadline);
+    } while (sent < maxMessages && now_ns() < deadline);
     write_frame(test, kEnd, &sent, sizeof(sent));
     receiver.join();
     close(host);

@@ -180,7 +180,7 @@ void print_header(const Settings& settings) {
 }
 
 void print_report(const std::vector<Transport>& transports, const Settings& settings,
-                  const std::vector<IdleResult>& idle) {
+                  const std::string& syscallsWhy, const std::vector<IdleResult>& idle) {
     const Transport* raw = find_role(transports, Role::kBaseline);
     auto hasRtt = [](const Transport& t) { return static_cast<bool>(t.rtt); };
     auto hasTput = [](const Transport& t) { return static_cast<bool>(t.tput); };
@@ -225,6 +225,22 @@ void print_report(const std::vector<Transport>& transports, const Settings& sett
                     times(ratio(&t, raw, size, &TputResult::cpuUs)) + ")";
         return cell;
     });
+
+    if (syscallsWhy.empty()) {
+        std::printf(
+            "\nSystem calls per operation of the whole process (both sides), counted by the "
+            "kernel over %d round trips and %d one-way messages per case, apart from the timed "
+            "cases: round trip / one-way message\n\n",
+            settings.syscallMessages, settings.syscallMessages);
+        print_table(transports, settings, any, [](const Transport& t, int32_t size) {
+            auto found = t.syscalls.find(size);
+            const SyscallFigures figures =
+                found != t.syscalls.end() ? found->second : SyscallFigures{};
+            return fixed(figures.perRoundTrip, 1) + " / " + fixed(figures.perMessage, 1);
+        });
+    } else {
+        std::printf("\nSystem calls per operation: not counted (%s)\n", syscallsWhy.c_str());
+    }
 
     print_targets(transports, settings, idle);
     if (!idle.empty())

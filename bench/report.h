@@ -21,8 +21,9 @@ void progress(const std::string& transport, const std::string& what, int32_t siz
 
 // Whether the run is pinned, first thing on standard output.
 void print_header(const Settings& settings);
+// syscallsWhy: empty when system calls were counted, else why they were not.
 void print_report(const std::vector<Transport>& transports, const Settings& settings,
-                  const std::vector<IdleResult>& idle);
+                  const std::string& syscallsWhy, const std::vector<IdleResult>& idle);
 
 }  // namespace bench
 

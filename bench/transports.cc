@@ -12,8 +12,8 @@ Transport raw_row(const char* name, Role role, bool libraryBuffers) {
     t.rtt = [libraryBuffers](int32_t size, int ms, size_t max) {
         return raw_round_trip(libraryBuffers, size, ms, max);
     };
-    t.tput = [libraryBuffers](int32_t size, int ms) {
-        return raw_one_way(libraryBuffers, size, ms);
+    t.tput = [libraryBuffers](int32_t size, int ms, uint64_t max) {
+        return raw_one_way(libraryBuffers, size, ms, max);
     };
     return t;
 }
@@ -27,7 +27,7 @@ Transport library_row(const char* name, Role role, LibraryRig* rig, bool logsOn)
     t.rtt = [rig](int32_t size, int ms, size_t max) {
         return rig->roundTripInCallback(size, ms, max);
     };
-    t.tput = [rig](int32_t size, int ms) { return rig->oneWay(size, ms); };
+    t.tput = [rig](int32_t size, int ms, uint64_t max) { return rig->oneWay(size, ms, max); };
     t.open = [rig, logsOn] { return rig->open(logsOn); };
     t.close = [rig] { rig->close(); };
     return t;

@@ -19,13 +19,20 @@ namespace bench {
 enum class Role { kBaseline, kLibraryOff, kLibraryOffFromHostThread, kLibraryOn, kOther };
 
 using RttFn = std::function<RttResult(int32_t size, int durationMs, size_t maxSamples)>;
-using TputFn = std::function<TputResult(int32_t size, int durationMs)>;
+using TputFn = std::function<TputResult(int32_t size, int durationMs, uint64_t maxMessages)>;
 
 // All rounds of one transport at one size, failed ones included, so that the
 // rounds of two transports line up.
 struct CaseResults {
     std::vector<RttResult> rtt;
     std::vector<TputResult> tput;
+};
+
+// System calls of the whole process per operation, from the counted pass;
+// negative when not counted.
+struct SyscallFigures {
+    double perRoundTrip = -1;
+    double perMessage = -1;
 };
 
 struct Transport {
@@ -36,6 +43,7 @@ struct Transport {
     std::function<bool()> open;   // before each round (may be empty)
     std::function<void()> close;  // after it (may be empty)
     std::map<int32_t, CaseResults> results;
+    std::map<int32_t, SyscallFigures> syscalls;
 };
 
 // Every row in table order. The rigs stay open through a round (the marker
@@ -57,14 +65,14 @@ void close_all(std::vector<Transport>& transports);
 // of the kernel's defaults, to tell effects of those sizes from effects of
 // the library's code.
 RttResult raw_round_trip(bool libraryBuffers, int32_t size, int durationMs, size_t maxSamples);
-TputResult raw_one_way(bool libraryBuffers, int32_t size, int durationMs);
+TputResult raw_one_way(bool libraryBuffers, int32_t size, int durationMs, uint64_t maxMessages);
 
 #ifdef VEXA_BENCH_HAVE_ZMQ
 // ZeroMQ (zeromq.cc): REQ/REP for the round trip, PUSH/PULL for the one-way
 // traffic, over tcp://127.0.0.1, one ZeroMQ message per frame (the library's
 // head, then the body).
 RttResult zmq_round_trip(int32_t size, int durationMs, size_t maxSamples);
-TputResult zmq_one_way(int32_t size, int durationMs);
+TputResult zmq_one_way(int32_t size, int durationMs, uint64_t maxMessages);
 #endif
 
 }  // namespace bench

@@ -117,7 +117,7 @@ RttResult zmq_round_trip(int32_t size, int durationMs, size_t maxSamples) {
     return round_trip_result(ok, samples);
 }
 
-TputResult zmq_one_way(int32_t size, int durationMs) {
+TputResult zmq_one_way(int32_t size, int durationMs, uint64_t maxMessages) {
     ZmqPair pair;
     if (!pair.open(ZMQ_PULL, ZMQ_PUSH)) {
         pair.close();
@@ -151,7 +151,7 @@ TputResult zmq_one_way(int32_t size, int durationMs) {
             break;
         }
         ++sent;
-    } while (now_ns() < deadline);
+    } while (sent < maxMessages && now_ns() < deadline);
     std::vector<char> end = zmq_frame(kEnd, &sent, sizeof(sent));
     zmq_send(pair.connected, end.data(), end.size(), 0);
     receiver.join();
