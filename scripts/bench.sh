@@ -6,7 +6,7 @@
 # except --pinned, which runs every process and thread of the benchmark on the
 # machine's last CPU (the benchmark's --pin CPU), so that the ratios stay
 # steady on a shared machine. Everything stays on 127.0.0.1; a full run takes
-# about three minutes.
+# about two and a half minutes.
 set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 source "$root/scripts/ensure-packages.sh"
