@@ -70,13 +70,13 @@ void print_targets(const std::vector<Transport>& transports, const Settings& set
     std::printf("\nTargets (endpoint logs off unless said; ratios paired by round)\n\n");
     int checked = 0;
     int missed = 0;
-    // Ratios this run did not measure (0) are left out.
     auto check = [&](const std::string& what, double value, bool good, const char* limit) {
         std::printf("- %s: %s (target %s) %s\n", what.c_str(), fixed(value, 2).c_str(), limit,
                     good ? "met" : "MISSED");
         ++checked;
         missed += good ? 0 : 1;
     };
+    // Ratios this run did not measure (0) are left out.
     auto checkRatio = [&](const std::string& what, double r, bool good, const char* limit) {
         if (r > 0)
             check(what, r, good, limit);
