@@ -1,9 +1,12 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds the benchmark (Release, in build-bench/) and
 # runs it: libvexatool64 against a raw loopback TCP baseline (and ZeroMQ when
-# libzmq is installed), then the idle CPU of a server with ten idle clients.
-# Prints the tables; arguments go to the benchmark (--quick, --rounds N, ...).
-# Everything stays on 127.0.0.1; a full run takes about two minutes.
+# libzmq is installed), then the idle CPU of a server with idle clients.
+# Prints the tables; arguments go to the benchmark (--quick, --rounds N, ...),
+# except --pinned, which runs every process and thread of the benchmark on the
+# machine's last CPU (the benchmark's --pin CPU), so that the ratios stay
+# steady on a shared machine. Everything stays on 127.0.0.1; a full run takes
+# about two and a half minutes.
 set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 source "$root/scripts/ensure-packages.sh"
@@ -20,4 +23,12 @@ cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DVEXA_BUILD_BE
     > "$build/configure.log" 2>&1 || { cat "$build/configure.log"; exit 1; }
 cmake --build "$build" --target vexa_bench -j 2
 echo "machine: $(nproc) cores, $(lscpu | sed -n 's/^Model name: *//p'), kernel $(uname -r)"
-"$build/bench/vexa_bench" "$@"
+args=()
+for arg in "$@"; do
+    if [ "$arg" = "--pinned" ]; then
+        args+=(--pin "$(($(nproc) - 1))")
+    else
+        args+=("$arg")
+    fi
+done
+"$build/bench/vexa_bench" "${args[@]}"
