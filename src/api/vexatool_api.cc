@@ -5,7 +5,7 @@
 #include <utility>
 
 #include "client/ipcclient.h"
-#include "comm/string_util.h"
+#include "core/server_address.h"
 #include "server/ipcserver.h"
 #include "vexatool.h"
 
@@ -29,19 +29,6 @@ Endpoint* create_endpoint(Args&&... args) {
         return nullptr;
     }
     return endpoint;
-}
-
-// The server's log file suffix: the port of "tcp://:PORT", "HOST.PORT" for
-// "tcp://HOST:PORT", else empty.
-std::string server_log_tag(const std::string& servPath) {
-    std::string tag;
-    if (comm::starts_with(servPath, "tcp://:")) {
-        tag = servPath.substr(std::strlen("tcp://:"));
-    } else if (comm::starts_with(servPath, "tcp://")) {
-        tag = servPath.substr(std::strlen("tcp://"));
-        comm::replace_all(tag, ":", ".");
-    }
-    return tag;
 }
 
 vexa::IPCServer* as_server(void* handle) {
@@ -70,7 +57,7 @@ extern "C" {
 VEXA_API void* ipc_init_server(const char* serv_path, ServerCallback callback, void* user) {
     // A null address is refused like any invalid one ("serv_path invalid ").
     const std::string path = serv_path != nullptr ? serv_path : "";
-    return create_endpoint<vexa::IPCServer>(path, callback, user, server_log_tag(path));
+    return create_endpoint<vexa::IPCServer>(path, callback, user, vexa::server_log_tag(path));
 }
 
 VEXA_API void ipc_uninit_server(void* server) {

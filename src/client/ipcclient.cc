@@ -9,15 +9,12 @@
 #include <cstring>
 #include <vector>
 
-#include "comm/string_util.h"
 #include "comm/thread_util.h"
+#include "core/server_address.h"
 
 namespace vexa {
 namespace {
 
-constexpr char kLoopbackHost[] = "127.0.0.1";
-constexpr char kTcpPrefix[] = "tcp://";
-constexpr char kTcpLoopbackPrefix[] = "tcp://:";
 // The processing loop's wait for a message; it also bounds how late the stop
 // flag is seen.
 constexpr int kReceiveWaitMs = 5;
@@ -29,27 +26,6 @@ std::string log_file_name(const char* dev) {
     return std::string("ipc_client_") + (dev != nullptr ? dev : "") + ".log";
 }
 
-// "tcp://:PORT" or "tcp://HOST:PORT[:...]". False for anything else and for a
-// port that converts to 0; the port is not otherwise checked.
-bool parse_serv_path(const std::string& path, std::string* host, int32_t* port) {
-    if (comm::starts_with(path, kTcpLoopbackPrefix)) {
-        *host = kLoopbackHost;
-        *port = comm::to_int(path.substr(std::strlen(kTcpLoopbackPrefix)));
-        return *port != 0;
-    }
-    if (!comm::starts_with(path, kTcpPrefix)) {
-        return false;
-    }
-    std::vector<std::string> pieces;
-    comm::split_by_char(path.substr(std::strlen(kTcpPrefix)), ':', pieces, false);
-    if (pieces.size() < 2) {
-        return false;
-    }
-    *host = pieces[0];
-    *port = comm::to_int(pieces[1]);
-    return *port != 0;
-}
-
 }  // namespace
 
 IPCClient::IPCClient(const char* servPath, ClientCallback callback, void* user, const char* dev,
@@ -59,7 +35,11 @@ IPCClient::IPCClient(const char* servPath, ClientCallback callback, void* user, 
       m_dev(dev != nullptr ? dev : ""),
       m_testItem(testItem) {
     const std::string path = servPath != nullptr ? servPath : "";
-    if (!parse_serv_path(path, &m_host, &m_port)) {
+    ServerAddress address;
+    const bool valid = parse_server_address(path, &address);
+    m_host = address.host;
+    m_port = address.port;
+    if (!valid) {
         m_logger->writeFormat("serv_path invalid %s", path.c_str());
         comm::throw_failure();
     }
@@ -80,11 +60,7 @@ int IPCClient::setupSocket() {
     }
     m_conn = std::make_shared<Connection>(fd, 0);
 
-    m_sockUtil.mysock_option_windowsize(fd, kSendBufferSize, kRecvBufferSize);
-    m_logger->writeLine("mysock_option_nodelay");
-    SocketUtil::mysock_option_nodelay(fd);
-    m_logger->writeLine("disable_sigpipe");
-    SocketUtil::mysock_option_disable_sigpipe(fd);
+    m_sockUtil.mysock_prepare(fd);
 
     const bool noBlock = m_connectTimeoutMs > 0;
     m_logger->writeFormat("connect timeout=%d noblock=%d", m_connectTimeoutMs, noBlock ? 1 : 0);

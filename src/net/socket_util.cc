@@ -332,6 +332,14 @@ int SocketUtil::mysock_wait_readable(int fd, int timeoutMs, int wakeFd) {
     return p[0].revents != 0 ? 1 : 0;
 }
 
+void SocketUtil::mysock_prepare(int fd) {
+    mysock_option_windowsize(fd, kSendBufferSize, kRecvBufferSize);
+    log().writeLine("mysock_option_nodelay");
+    mysock_option_nodelay(fd);
+    log().writeLine("disable_sigpipe");
+    mysock_option_disable_sigpipe(fd);
+}
+
 int SocketUtil::mysock_option_nodelay(int fd) {
     int32_t on = 1;
     return setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));

@@ -126,6 +126,10 @@ class SocketUtil {
     // is not open). A readable `wakeFd` (when >= 0) ends the wait with 0.
     static int mysock_wait_readable(int fd, int timeoutMs, int wakeFd = -1);
 
+    // What both endpoints do to a new socket, each step logged: the buffer
+    // sizes (kSendBufferSize, kRecvBufferSize), TCP_NODELAY, SIGPIPE ignored.
+    void mysock_prepare(int fd);
+
     // Socket options: thin setsockopt/fcntl/signal calls with fixed values.
     static int mysock_option_nodelay(int fd);
     static int mysock_option_reuse_addr(int fd);

@@ -16,6 +16,7 @@
 #include <cstring>
 
 #include "comm/string_util.h"
+#include "core/server_address.h"
 #include "server/test_launcher.h"
 #include "server/test_library.h"
 
@@ -51,20 +52,10 @@ IPCServer::IPCServer(const std::string& servPath, ServerCallback callback, void*
         comm::throw_failure();
     }
     m_servPath = servPath;
-    bool valid = false;
-    if (comm::starts_with(servPath, "tcp://:")) {
-        m_port = std::atoi(servPath.c_str() + std::strlen("tcp://:"));
-        m_ip = "127.0.0.1";
-        valid = m_port != 0;
-    } else if (comm::starts_with(servPath, "tcp://")) {
-        std::vector<std::string> pieces;
-        comm::split_by_string(servPath.substr(std::strlen("tcp://")), ":", pieces, false);
-        if (pieces.size() >= 2) {
-            m_ip = pieces[0];
-            m_port = std::atoi(pieces[1].c_str());
-            valid = m_port != 0;
-        }
-    }
+    ServerAddress address;
+    const bool valid = parse_server_address(servPath, &address);
+    m_ip = address.host;
+    m_port = address.port;
     if (!valid) {
         m_logger->writeFormat("serv_path invalid %s", servPath.c_str());
         comm::throw_failure();
@@ -108,11 +99,7 @@ int IPCServer::setupSocket() {
         m_logger->writeFormat("socket error=%s", m_sockUtil.mysock_strerror());
         comm::throw_failure();
     }
-    m_sockUtil.mysock_option_windowsize(m_listenSocket, kSendBufferSize, kRecvBufferSize);
-    m_logger->writeLine("mysock_option_nodelay");
-    SocketUtil::mysock_option_nodelay(m_listenSocket);
-    m_logger->writeLine("disable_sigpipe");
-    SocketUtil::mysock_option_disable_sigpipe(m_listenSocket);
+    m_sockUtil.mysock_prepare(m_listenSocket);
     m_logger->writeLine("reuse_addr");
     SocketUtil::mysock_option_reuse_addr(m_listenSocket);
 
