@@ -19,31 +19,23 @@ import org.vexatool.VexaSessionTest.Recorder;
 public class VexaLifecycleTest {
     @Test
     public void listenerFaultsAndServerGone() throws Exception {
-        Recorder host = new Recorder() {
-            @Override
-            public synchronized void onEvent(
-                    int item, int id, String dev, int sec, int usec, byte[] data) {
-                if (id == 7) {
-                    throw new IllegalStateException("a listener failing on purpose");
-                }
-                super.onEvent(item, id, dev, sec, usec, data);
+        Recorder host = new Recorder();
+        host.reaction = id -> {
+            if (id == 7) {
+                throw new IllegalStateException("a listener failing on purpose");
             }
         };
         AtomicReference<VexaClient> self = new AtomicReference<>();
         BlockingQueue<Object> closeOutcome = new ArrayBlockingQueue<>(1);
-        Recorder test = new Recorder() {
-            @Override
-            public synchronized void onEvent(
-                    int item, int id, String dev, int sec, int usec, byte[] data) {
-                if (id == 50) {
-                    try {
-                        self.get().close();
-                        closeOutcome.add("closed from its own listener");
-                    } catch (IllegalStateException expected) {
-                        closeOutcome.add(expected);
-                    }
+        Recorder test = new Recorder();
+        test.reaction = id -> {
+            if (id == 50) {
+                try {
+                    self.get().close();
+                    closeOutcome.add("closed from its own listener");
+                } catch (IllegalStateException expected) {
+                    closeOutcome.add(expected);
                 }
-                super.onEvent(item, id, dev, sec, usec, data);
             }
         };
         String address = VexaSessionTest.freeAddress();
