@@ -15,7 +15,9 @@ if [ "${1:-}" = "--sanitize" ]; then
     sanitize=${2:?"--sanitize needs address or thread"}
 fi
 
-ensure_packages cmake ninja-build g++ libgtest-dev file
+# The JDK, JUnit and the Android headers and liblog serve the Java binding and its tests.
+ensure_packages cmake ninja-build g++ libgtest-dev file openjdk-17-jdk-headless junit4 \
+    android-libnativehelper-dev android-liblog-dev
 
 flags=""
 case "$sanitize" in
