@@ -15,11 +15,13 @@
  *   address, port in use, nothing listening...). The reason is written only to
  *   the endpoint's log file.
  * - Callbacks run on the endpoint's own processing thread, never on the
- *   caller's. They may send from inside the call. The device string and data
- *   pointers are valid only during the call; data is NUL-terminated after
- *   data_len bytes. The callback's result is not used.
- * - Sends may come from any thread; the messages of one endpoint never
- *   interleave on the wire. A message body holds 0 to IPC_MAX_DATA_LEN - 1 bytes.
+ *   caller's. They may send from inside the call. Releasing the endpoint from
+ *   inside its own callback is refused (logged; the handle stays valid). The
+ *   device string and data pointers are valid only during the call; data is
+ *   NUL-terminated after data_len bytes. The callback's result is not used.
+ * - Sends may come from any thread; a message goes out whole or, when its
+ *   write fails halfway, its connection is shut down. Sends to one client wait
+ *   only for that client. A message body holds 0 to IPC_MAX_DATA_LEN - 1 bytes.
  * - Logs go to "/mnt/sdcard/vexa/" on the device; the library writes nothing to
  *   standard output.
  */

@@ -3,8 +3,10 @@
 # installs what is missing, builds into build/ (the same build as
 # scripts/test.sh), then runs
 #
-#   build/tools/vexahost --demo -a tcp://:PORT <example program> <example .so>
+#   build/tools/vexahost --demo [ARGS...] -a tcp://:PORT <example program> <example .so>
 #
+# ARGS are the script's own arguments, passed on: for example --json, or
+# --junit-xml report.xml for a JUnit report of the two tests.
 # PORT is 6000 when that is free, otherwise any free loopback port. Each test
 # registers, says hello, echoes the host's ping, says bye on the host's leave
 # and closes; the tool then exits 0.
@@ -47,9 +49,9 @@ PY
 
 program="$build/examples/vexa_example_test"
 library="$build/examples/libvexa_example_test_so.so"
-echo "== vexahost --demo -a tcp://:$port $program $library"
+echo "== vexahost --demo $* -a tcp://:$port $program $library"
 logs="$build/demo-logs/"
 rm -rf "$logs"
 LD_LIBRARY_PATH="$build/testing-lib" VEXA_TEST_ENDPOINT_LOG_DIR="$logs" \
-    timeout 60 "$build/tools/vexahost" --demo -a "tcp://:$port" "$program" "$library" </dev/null
+    timeout 60 "$build/tools/vexahost" --demo "$@" -a "tcp://:$port" "$program" "$library" </dev/null
 echo "== both tests closed; endpoint logs: $(cd "$logs" && ls | tr '\n' ' ')(in $logs)"

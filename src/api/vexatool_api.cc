@@ -51,21 +51,32 @@ vexa::IPCClient* as_client(void* handle) {
     return static_cast<vexa::IPCClient*>(handle);
 }
 
+// stop() and the destructor end the processing thread and free what a running
+// callback still stands on: from inside the endpoint's own callback that is
+// refused, and the handle stays valid for a release from another thread.
+void release_endpoint(vexa::IPCBase* endpoint) {
+    if (endpoint->onProcessingThread()) {
+        endpoint->logger()->writeLine("uninit refused: called from the endpoint's own callback");
+        return;
+    }
+    endpoint->stop();
+    delete endpoint;
+}
+
 }  // namespace
 
 extern "C" {
 
 VEXA_API void* ipc_init_server(const char* serv_path, ServerCallback callback, void* user) {
-    const std::string path = serv_path;
+    // A null address is refused like any invalid one ("serv_path invalid ").
+    const std::string path = serv_path != nullptr ? serv_path : "";
     return create_endpoint<vexa::IPCServer>(path, callback, user, server_log_tag(path));
 }
 
 VEXA_API void ipc_uninit_server(void* server) {
-    if (server == nullptr) {
-        return;
+    if (server != nullptr) {
+        release_endpoint(as_server(server));
     }
-    as_server(server)->stop();
-    delete as_server(server);
 }
 
 VEXA_API bool ipc_run_test(void* server, const char* test, const char* d_value,
@@ -116,11 +127,9 @@ VEXA_API bool ipc_send_message(void* client, int32_t event_id, const void* data,
 }
 
 VEXA_API void ipc_uninit_client(void* client) {
-    if (client == nullptr) {
-        return;
+    if (client != nullptr) {
+        release_endpoint(as_client(client));
     }
-    as_client(client)->stop();
-    delete as_client(client);
 }
 
 }  // extern "C"

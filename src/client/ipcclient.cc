@@ -66,7 +66,7 @@ IPCClient::IPCClient(const char* servPath, ClientCallback callback, void* user, 
 }
 
 IPCClient::~IPCClient() {
-    if (m_socket.load() != -1) {
+    if (hasSocket()) {
         closeSocket();
     }
 }
@@ -78,7 +78,7 @@ int IPCClient::setupSocket() {
         m_logger->writeFormat("socket error=%s", m_sockUtil.mysock_strerror());
         comm::throw_failure();
     }
-    m_socket = fd;
+    m_conn = std::make_shared<Connection>(fd, 0);
 
     m_sockUtil.mysock_option_windowsize(fd, kSendBufferSize, kRecvBufferSize);
     m_logger->writeLine("mysock_option_nodelay");
@@ -88,8 +88,8 @@ int IPCClient::setupSocket() {
 
     const bool noBlock = m_connectTimeoutMs > 0;
     m_logger->writeFormat("connect timeout=%d noblock=%d", m_connectTimeoutMs, noBlock ? 1 : 0);
-    // Never switched back: a time-limited client stays non-blocking, and its
-    // reads and writes wait for readiness anyway.
+    // Never switched back: a time-limited client stays non-blocking. Reads
+    // and writes never block in the kernel in either mode.
     SocketUtil::mysock_set_nonblock(fd, noBlock ? 1 : 0);
     const int64_t startMs = comm::monotonic_ms();
 
@@ -116,66 +116,57 @@ int IPCClient::setupSocket() {
 }
 
 bool IPCClient::send(int32_t eventId, const void* data, int32_t dataLen) {
-    if (dataLen < 0) {
+    if (dataLen < 0 || !hasSocket()) {
         return false;
     }
-    const int fd = m_socket.load();
-    if (fd == -1) {
-        return false;
-    }
-    // socketStillOpen() checks fd again under the send lock: the processing
-    // thread may close it between here and the write.
-    return sendChecked(fd, 0, m_dev.c_str(), m_testItem, eventId, data, dataLen);
-}
-
-bool IPCClient::socketStillOpen(int fd, uint64_t /*token*/) const {
-    return m_socket.load() == fd;
+    return IPCBase::send(*m_conn, m_dev.c_str(), m_testItem, eventId, data, dataLen);
 }
 
 bool IPCClient::processOnce() {
-    const int fd = m_socket.load();
-    const int ready = SocketUtil::mysock_wait_readable(fd, kReceiveWaitMs);
-    if (ready == 0) {
-        return true;
-    }
-    if (ready < 0) {
-        // Nothing is closed; a lasting error makes the loop spin.
-        m_logger->writeFormat("warning, select error=%s", m_sockUtil.mysock_strerror());
-        return true;
+    MessageBuffer& input = m_conn->input();
+    const int fd = m_conn->fd();
+    if (!input.ready()) {
+        const int ready = SocketUtil::mysock_wait_readable(fd, kReceiveWaitMs);
+        if (ready < 0) {
+            // Nothing is closed; a lasting error makes the loop spin.
+            m_logger->writeFormat("warning, select error=%s", m_sockUtil.mysock_strerror());
+            return true;
+        }
+        const int64_t now = comm::monotonic_ms();
+        if (ready > 0) {
+            input.takeIn(fd, now);
+        }
+        input.expire(now, m_sockUtil.mysock_read_timeout());
     }
 
     IPCMessage msg{};
-    msg.data = recvBuffer();
-    const StopFlag abort{0};
-    if (!readMsgFromSocket(&m_sockUtil, fd, &msg, m_logger.get(), &abort)) {
-        m_logger->writeLine("readMsgFromSocket failed. server socket closed");
-        timeval now{};
-        gettimeofday(&now, nullptr);
-        // The int32 -900, followed by a NUL like every body a callback gets.
-        alignas(int32_t) char reason[sizeof(int32_t) + 1] = {};
-        const int32_t code = IPC_ERR_SERVER_CLOSED;
-        std::memcpy(reason, &code, sizeof(code));
-        // Closed before the callback hears of it, so that a send made from the
-        // callback or right after it fails instead of reaching a dead peer.
-        m_canClose = true;
-        closeSocket();
-        if (hasCallback()) {
-            callBack(m_testItem, CLIENT_IPC_DISCONNECTED, m_dev.c_str(),
-                     static_cast<int32_t>(now.tv_sec), static_cast<int32_t>(now.tv_usec), reason,
-                     static_cast<int32_t>(sizeof(code)));
-        }
-        return false;
+    switch (input.next(&msg, m_logger.get(), m_sockUtil)) {
+        case MessageBuffer::Next::kNeedMore:
+            return true;
+        case MessageBuffer::Next::kFailed:
+            reportServerGone();
+            return false;
+        case MessageBuffer::Next::kMessage:
+            break;
     }
+    const bool goOn = deliver(msg);
+    input.done(comm::monotonic_ms());
+    input.mergeSide();
+    sideFilled().clear();
+    if (!goOn) {
+        closeSocket();
+    }
+    return goOn;
+}
 
+bool IPCClient::deliver(const IPCMessage& msg) {
     if (msg.event_id == CLIENT_IPC_EXIT_ACK) {
         // Logged whatever the trace setting; the callback does not see it.
         m_logger->writeFormat("recv test_item=%d test_id=%d data_len=%d", msg.test_item,
                               msg.event_id, msg.data_len);
         m_canClose = true;
-        closeSocket();
         return false;
     }
-
     if (tracing()) {
         m_logger->writeFormat("recv test_item=%d test_id=%d data_len=%d", msg.test_item,
                               msg.event_id, msg.data_len);
@@ -191,42 +182,53 @@ bool IPCClient::processOnce() {
     if (tracing()) {
         m_logger->writeLine("call finish");
     }
-    if (!m_canClose) {
-        return true;
-    }
+    return !m_canClose;
+}
+
+void IPCClient::reportServerGone() {
+    m_logger->writeLine("readMsgFromSocket failed. server socket closed");
+    timeval now{};
+    gettimeofday(&now, nullptr);
+    // The int32 -900, followed by a NUL like every body a callback gets.
+    alignas(int32_t) char reason[sizeof(int32_t) + 1] = {};
+    const int32_t code = IPC_ERR_SERVER_CLOSED;
+    std::memcpy(reason, &code, sizeof(code));
+    // Closed before the callback hears of it, so that a send made from the
+    // callback or right after it fails instead of reaching a dead peer.
+    m_canClose = true;
     closeSocket();
-    return false;
+    if (hasCallback()) {
+        callBack(m_testItem, CLIENT_IPC_DISCONNECTED, m_dev.c_str(),
+                 static_cast<int32_t>(now.tv_sec), static_cast<int32_t>(now.tv_usec), reason,
+                 static_cast<int32_t>(sizeof(code)));
+    }
 }
 
 void IPCClient::onStop() {
-    if (m_socket.load() == -1) {
+    if (!hasSocket()) {
         return;
     }
     m_canClose = false;
-    send(CLIENT_IPC_EXIT, nullptr, 0);
+    // One limit for all of it, the request included: a server that does not
+    // read cannot make the release wait longer.
+    const int64_t startMs = comm::monotonic_ms();
+    IPCBase::send(*m_conn, m_dev.c_str(), m_testItem, CLIENT_IPC_EXIT, nullptr, 0,
+                  startMs + kExitAckWaitMs);
     m_logger->writeLine("wait m_canClose 2000ms");
     // The loop sets m_canClose right before it closes the socket, so a closed
     // socket ends the wait too: it covers a close that came between the check
     // above and the clearing of the flag.
-    const auto closed = [this] { return m_canClose.load() || m_socket.load() == -1; };
-    if (!closed()) {
-        const int64_t startMs = comm::monotonic_ms();
-        for (;;) {
-            const int64_t nowMs = comm::monotonic_ms();
-            if (closed() || nowMs - startMs > kExitAckWaitMs - 1) {
-                break;
-            }
-            comm::sleep_ms(kExitAckPollMs);
-        }
+    const auto closed = [this] { return m_canClose.load() || !m_conn->isOpen(); };
+    while (!closed() && comm::monotonic_ms() - startMs <= kExitAckWaitMs - 1) {
+        comm::sleep_ms(kExitAckPollMs);
     }
     m_logger->writeLine("wait finish");
 }
 
 void IPCClient::closeSocket() {
-    withSendLock("ipcclient", __LINE__, __LINE__, [this] {
-        SocketUtil::mysock_close(m_socket.load());
-        m_socket = -1;
-    });
+    // A test thread still writing is woken to fail; the descriptor is closed
+    // when it lets go.
+    m_conn->requestClose(true);
     m_logger->writeLine("socket close");
 }
 

@@ -11,6 +11,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
 #include <string>
 
 #include "core/ipcbase.h"
@@ -42,20 +43,24 @@ class IPCClient : public IPCBase {
     // fails) and registers with CLIENT_IPC_CONFIG; returns 1 when the
     // registration was written, 0 when not.
     int setupSocket() override;
-    // Sends CLIENT_IPC_EXIT and waits up to 2000 ms for CLIENT_IPC_EXIT_ACK
-    // (or for the connection to go). Nothing when the socket is already closed.
+    // Sends CLIENT_IPC_EXIT and waits up to 2000 ms in all for
+    // CLIENT_IPC_EXIT_ACK (or for the connection to go), whatever the server
+    // does. Nothing when the socket is already closed.
     void onStop() override;
-    // Waits 5 ms for a message and delivers it; false once the socket is closed.
+    // Waits 5 ms for a message and delivers it; false once the socket is
+    // closed. Never waits inside a message: a server that stalls mid-message
+    // fails the read after the read budget, and a stop is seen at once.
     bool processOnce() override;
-    // Runs under the send lock: the socket a sender read is still the open one.
-    bool socketStillOpen(int fd, uint64_t token) const override;
 
   private:
-    // Closes the socket under the send lock, so no sender writes on its number
-    // after the close, and logs it.
+    // Closes the socket (once no sender is writing on it) and logs it.
     void closeSocket();
+    bool hasSocket() const { return m_conn != nullptr && m_conn->isOpen(); }
+    bool deliver(const IPCMessage& msg);
+    void reportServerGone();
 
-    std::atomic<int> m_socket{-1};  // written under the send lock, read anywhere
+    // Made by setupSocket, before any other thread may use it.
+    std::shared_ptr<Connection> m_conn;
     int32_t m_connectTimeoutMs;
     std::string m_dev;
     int32_t m_testItem;

@@ -93,6 +93,11 @@ int mutex_lock(Mutex* mutex, const char* source, int line) {
 }
 #pragma GCC diagnostic pop
 
+bool mutex_trylock(Mutex* mutex) {
+    // Like a failed lock, a null mutex lets the caller go on.
+    return mutex == nullptr || pthread_mutex_trylock(&mutex->native) == 0;
+}
+
 int mutex_unlock(Mutex* mutex, const char* source, int line) {
     if (mutex == nullptr) {
         return -1;

@@ -36,6 +36,8 @@ void mutex_destroy(Mutex* mutex);
 // 0, or -1 (null mutex: silently; failed call: logged with source and line).
 int mutex_lock(Mutex* mutex, const char* source, int line);
 int mutex_unlock(Mutex* mutex, const char* source, int line);
+// Takes the mutex only if it is free at once; never fails spuriously.
+bool mutex_trylock(Mutex* mutex);
 
 // Holds a Mutex for one scope. A failed lock is only reported: the scope runs anyway.
 class MutexGuard {

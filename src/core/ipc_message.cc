@@ -84,17 +84,22 @@ bool writeResult(SocketUtil* util, int written, int32_t len, comm::Logger* logge
 }  // namespace
 
 bool writeMsgToSocket(SocketUtil* util, int fd, const char* block, int32_t len,
-                      comm::Logger* logger, const StopFlag* abort) {
-    return writeResult(util, util->mysock_writen(fd, block, len, abort), len, logger);
+                      comm::Logger* logger, const StopFlag* abort, WriteWait* wait) {
+    if (len < 1) {
+        return writeResult(util, len, len, logger);
+    }
+    iovec whole{const_cast<char*>(block), static_cast<size_t>(len)};
+    return writeResult(util, util->mysock_writev(fd, &whole, 1, abort, wait), len, logger);
 }
 
 bool writeMsgToSocket(SocketUtil* util, int fd, const uint8_t* head, const void* body,
-                      int32_t bodyLen, comm::Logger* logger, const StopFlag* abort) {
+                      int32_t bodyLen, comm::Logger* logger, const StopFlag* abort,
+                      WriteWait* wait) {
     // A body length outside 0..511999 never reaches here (the sender refuses it).
     iovec pieces[2] = {{const_cast<uint8_t*>(head), IPC_HEAD_SIZE},
                        {const_cast<void*>(body), bodyLen > 0 ? static_cast<size_t>(bodyLen) : 0}};
     const int32_t len = IPC_HEAD_SIZE + (bodyLen > 0 ? bodyLen : 0);
-    return writeResult(util, util->mysock_writev(fd, pieces, 2, abort), len, logger);
+    return writeResult(util, util->mysock_writev(fd, pieces, 2, abort, wait), len, logger);
 }
 
 }  // namespace vexa

@@ -60,15 +60,17 @@ int32_t getBigEndian32(const uint8_t* at);
 // false without one for a negative length.
 bool readMsgFromSocket(SocketUtil* util, int fd, IPCMessage* msg, comm::Logger* logger,
                        const StopFlag* abort);
-// Writes a complete message (head and body, `len` bytes) in one counted write.
+// Writes a complete message (head and body, `len` bytes) in one counted write;
+// `wait` as mysock_writev takes it.
 bool writeMsgToSocket(SocketUtil* util, int fd, const char* block, int32_t len,
-                      comm::Logger* logger, const StopFlag* abort);
+                      comm::Logger* logger, const StopFlag* abort, WriteWait* wait = nullptr);
 // The same for a head of IPC_HEAD_SIZE bytes and a body of bodyLen bytes kept
 // apart: one vectored counted write of 100 + bodyLen bytes, with the result and
 // the failure line of the single-block form. The caller holds the send lock, so
 // the message goes out whole between other senders' messages.
 bool writeMsgToSocket(SocketUtil* util, int fd, const uint8_t* head, const void* body,
-                      int32_t bodyLen, comm::Logger* logger, const StopFlag* abort);
+                      int32_t bodyLen, comm::Logger* logger, const StopFlag* abort,
+                      WriteWait* wait = nullptr);
 
 }  // namespace vexa
 

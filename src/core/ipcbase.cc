@@ -30,9 +30,6 @@ IPCBase::IPCBase(IPCCallback callback, void* user, const std::string& logFileNam
     m_logger->writeLine("++++++++++++START++++++++++++");
     m_logger->writeFormat("vexa_init_with_logger version=2016-06-19 log_flush=%d", flush ? 1 : 0);
 
-    m_recvBuffer.reset(new char[IPC_MAX_DATA_LEN]);
-    m_sendLock.reset(comm::mutex_create());
-
     m_logger->writeLine("socket_init");
     if (m_sockUtil.mysock_init_with_logger(m_logger.get()) != 1) {
         m_logger->writeLine("socket_init failed");
@@ -43,8 +40,6 @@ IPCBase::IPCBase(IPCCallback callback, void* user, const std::string& logFileNam
 IPCBase::~IPCBase() {
     m_logger->writeLine("~IPCBase");
     m_logger.reset();
-    m_recvBuffer.reset();
-    m_sendLock.reset();
 }
 
 void IPCBase::init() {
@@ -54,7 +49,7 @@ void IPCBase::init() {
 void IPCBase::start() {
     m_logger->writeLine("start");
     if (m_callback != nullptr) {
-        m_stop = false;
+        m_stop = 0;
         // Without a callback there is nobody to hand messages to, so no thread reads.
         m_processThread = comm::thread_create(&IPCBase::processThread, this);
     }
@@ -64,15 +59,25 @@ void IPCBase::start() {
 void IPCBase::stop() {
     m_logger->writeLine("stop");
     onStop();
-    m_stop = true;
+    m_stop = 1;
     m_logger->writeLine("waiting processThread...");
     comm::thread_join(m_processThread);
     m_processThread = nullptr;  // the join released it
     m_logger->writeLine("processThread stopped");
 }
 
+namespace {
+// The endpoint whose processing thread this is, if any.
+thread_local const IPCBase* t_processingEndpoint = nullptr;
+}  // namespace
+
+bool IPCBase::onProcessingThread() const {
+    return t_processingEndpoint == this;
+}
+
 void IPCBase::processThread(void* self) {
     auto* endpoint = static_cast<IPCBase*>(self);
+    t_processingEndpoint = endpoint;
     endpoint->m_running = true;
     endpoint->m_logger->writeLine("process_thread...");
     while (!endpoint->m_stop && endpoint->processOnce()) {
@@ -81,13 +86,8 @@ void IPCBase::processThread(void* self) {
     endpoint->m_running = false;
 }
 
-bool IPCBase::send(int fd, const char* dev, int32_t testItem, int32_t eventId, const void* data,
-                   int32_t dataLen) {
-    return sendChecked(fd, 0, dev, testItem, eventId, data, dataLen);
-}
-
-bool IPCBase::sendChecked(int fd, uint64_t token, const char* dev, int32_t testItem,
-                          int32_t eventId, const void* data, int32_t dataLen) {
+bool IPCBase::send(Connection& conn, const char* dev, int32_t testItem, int32_t eventId,
+                   const void* data, int32_t dataLen, int64_t deadlineMs) {
     // Unsigned, so that a negative length is refused too.
     if (static_cast<uint32_t>(dataLen) > static_cast<uint32_t>(kMaxBodyLength)) {
         m_logger->writeFormat("error! data_len=%d range[0-%d)", dataLen, IPC_MAX_DATA_LEN);
@@ -99,19 +99,41 @@ bool IPCBase::sendChecked(int fd, uint64_t token, const char* dev, int32_t testI
     encodeHead(head, dev, testItem, eventId, static_cast<int32_t>(now.tv_sec),
                static_cast<int32_t>(now.tv_usec), dataLen);
 
-    const StopFlag abort{0};
-    comm::MutexGuard guard(m_sendLock.get(), "ipcbase", 189, 206);
-    if (!socketStillOpen(fd, token)) {
+    Connection::SendTurn turn(conn, deadlineMs);
+    if (!turn) {
         return false;
     }
     if (m_traceSendRecv) {
         m_logger->writeFormat("send dev=%s test_item=%d event_id=%d data_len=%d",
                               dev != nullptr ? dev : "", testItem, eventId, dataLen);
     }
+    WriteWait wait;
+    wait.deadlineMs = deadlineMs;
+    if (onProcessingThread()) {
+        // A callback answering its peer: if both sides wait to write, the peer's
+        // bytes are taken in meanwhile, so neither waits for ever.
+        wait.input = conn.input().sideInput();
+    }
     // Head and body go out in one vectored write, the body straight from the
-    // caller's bytes; holding the send lock across the whole write keeps the
-    // message in one piece on the wire.
-    return writeMsgToSocket(&m_sockUtil, fd, head, data, dataLen, m_logger.get(), &abort);
+    // caller's bytes.
+    const bool written = turn.write(m_sockUtil, m_logger.get(), head, data, dataLen, &m_stop, &wait);
+    if (wait.input != nullptr && conn.input().hasSide()) {
+        m_sideFilled.push_back(&conn);
+    }
+    return written;
+}
+
+void IPCBase::post(Connection& conn, const char* dev, int32_t testItem, int32_t eventId) {
+    timeval now{};
+    gettimeofday(&now, nullptr);
+    uint8_t head[IPC_HEAD_SIZE];
+    encodeHead(head, dev, testItem, eventId, static_cast<int32_t>(now.tv_sec),
+               static_cast<int32_t>(now.tv_usec), 0);
+    if (m_traceSendRecv) {
+        m_logger->writeFormat("send dev=%s test_item=%d event_id=%d data_len=%d",
+                              dev != nullptr ? dev : "", testItem, eventId, 0);
+    }
+    conn.post(head, sizeof(head));
 }
 
 }  // namespace vexa

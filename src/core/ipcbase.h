@@ -1,6 +1,7 @@
 // The endpoint base shared by the server and the client: its own log file,
 // the socket utility state, the callback, one processing thread that runs the
-// subclass's loop body, the receive buffer and the locked send path.
+// subclass's loop body, and the send path that frames a message and writes it
+// whole on one connection.
 //
 // Lifecycle: construct, init() (setupSocket), start() (thread, onStart),
 // stop() (onStop, stop flag, join), destroy. Construction and set-up failures
@@ -13,9 +14,11 @@
 #include <exception>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "comm/logger.h"
 #include "comm/thread_util.h"
+#include "core/connection.h"
 #include "core/ipc_message.h"
 #include "net/socket_util.h"
 #include "vexatool.h"
@@ -69,14 +72,21 @@ class IPCBase {
     // onStop, then stops and joins the processing thread. Once per endpoint.
     void stop();
 
-    // Frames one message and writes it whole on `fd` under the send lock.
-    // False for a length outside 0..511999 (logged) or a failed write.
-    // Any thread may call it, callbacks included.
-    bool send(int fd, const char* dev, int32_t testItem, int32_t eventId, const void* data,
-              int32_t dataLen);
+    // Frames one message and writes it whole on `conn`, waiting only for other
+    // writers of that connection and for room on its socket, up to the write
+    // budget (and deadlineMs when it is not 0). False for a length outside
+    // 0..511999 (logged), a connection that is closed, closing or broken, or
+    // a failed write. Any thread may call it, callbacks included; from the
+    // processing thread it keeps taking in what that peer sends while it waits.
+    bool send(Connection& conn, const char* dev, int32_t testItem, int32_t eventId,
+              const void* data, int32_t dataLen, int64_t deadlineMs = 0);
 
     bool isRunning() const { return m_running; }
     comm::Logger* logger() const { return m_logger.get(); }
+    // The read and write budgets live here (tests shorten them).
+    SocketUtil& socketUtil() { return m_sockUtil; }
+    // Called from this endpoint's processing thread, its callbacks included.
+    bool onProcessingThread() const;
 
   protected:
     virtual int setupSocket() = 0;
@@ -84,22 +94,11 @@ class IPCBase {
     virtual void onStop() {}
     // One pass of the processing loop; false ends it.
     virtual bool processOnce() = 0;
-    // Asked with the send lock held, right before writing on `fd`: false when
-    // the socket the sender meant (`token` says which) has been closed since,
-    // so that a number reused by the host process is never written to.
-    virtual bool socketStillOpen(int /*fd*/, uint64_t /*token*/) const { return true; }
-
-    // send() with a token for socketStillOpen.
-    bool sendChecked(int fd, uint64_t token, const char* dev, int32_t testItem, int32_t eventId,
-                     const void* data, int32_t dataLen);
-
-    // Runs fn with the send lock held: sockets are closed this way, so that no
-    // sender is between its check and its write on them.
-    template <typename Fn>
-    void withSendLock(const char* source, int lockLine, int unlockLine, Fn fn) {
-        comm::MutexGuard guard(m_sendLock.get(), source, lockLine, unlockLine);
-        fn();
-    }
+    // Never waits: queues a message without a body on `conn`, to go out as
+    // soon as the socket takes it (the processing loop's own answers).
+    void post(Connection& conn, const char* dev, int32_t testItem, int32_t eventId);
+    // The processing loop has been asked to stop; waits give up when set.
+    const StopFlag* stopFlag() const { return &m_stop; }
 
     void callBack(int32_t testItem, int32_t eventId, const char* dev, int32_t timeSec,
                   int32_t timeUsec, const char* data, int32_t dataLen) {
@@ -107,7 +106,9 @@ class IPCBase {
     }
     bool hasCallback() const { return m_callback != nullptr; }
     bool tracing() const { return m_traceSendRecv; }
-    char* recvBuffer() { return m_recvBuffer.get(); }
+    // Connections whose peer's bytes a callback's send took in while it waited
+    // (see send); the loop puts them back in line once the callback returned.
+    std::vector<Connection*>& sideFilled() { return m_sideFilled; }
 
     struct MutexDeleter {
         void operator()(comm::Mutex* mutex) const { comm::mutex_destroy(mutex); }
@@ -122,11 +123,10 @@ class IPCBase {
 
     IPCCallback m_callback;
     void* m_user;
-    std::atomic<bool> m_stop{false};
+    StopFlag m_stop{0};
+    std::vector<Connection*> m_sideFilled;  // processing thread only
     comm::ThreadHandle* m_processThread = nullptr;
     std::atomic<bool> m_running{false};
-    std::unique_ptr<char[]> m_recvBuffer;  // processing thread only
-    std::unique_ptr<comm::Mutex, MutexDeleter> m_sendLock;
 };
 
 }  // namespace vexa

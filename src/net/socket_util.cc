@@ -8,12 +8,14 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
 #include <cstring>
 
 #include "comm/logger.h"
+#include "comm/thread_util.h"
 
 namespace vexa {
 namespace {
@@ -104,7 +106,8 @@ int SocketUtil::mysock_writen(int fd, const void* buffer, int32_t len, const Sto
     return mysock_writev(fd, &whole, 1, stop);
 }
 
-int SocketUtil::mysock_writev(int fd, const iovec* iov, int count, const StopFlag* stop) {
+int SocketUtil::mysock_writev(int fd, const iovec* iov, int count, const StopFlag* stop,
+                              WriteWait* wait) {
     if (count < 0 || count > kMaxWritePieces) {
         return MYSOCK_ERR_IO;
     }
@@ -124,23 +127,19 @@ int SocketUtil::mysock_writev(int fd, const iovec* iov, int count, const StopFla
     iovec* next = pieces;
     size_t remaining = total;
     while (remaining > 0) {
-        int rc = mysock_select(fd + 1, 0, m_writeTimeoutMs, stop);
-        if (rc < 0) {
-            log().writeFormat("mysock_writen mysock_select rc=%d", rc);
-            return rc;
-        }
         msghdr message{};
         message.msg_iov = next;
         message.msg_iovlen = static_cast<decltype(message.msg_iovlen)>(left);
-        // MSG_NOSIGNAL: a closed peer is an error result, even in a host
-        // that handles SIGPIPE itself.
-        ssize_t written = ::sendmsg(fd, &message, MSG_NOSIGNAL);
-        if (written == 0) {
-            return 0;
-        }
+        // MSG_DONTWAIT: the kernel call itself never blocks, whatever the
+        // socket's mode, so the budget bounds the whole write. MSG_NOSIGNAL: a
+        // closed peer is an error result, even in a host that handles SIGPIPE.
+        ssize_t written = ::sendmsg(fd, &message, MSG_DONTWAIT | MSG_NOSIGNAL);
         if (written > 0) {
             auto sent = static_cast<size_t>(written);
             remaining -= sent;
+            if (wait != nullptr) {
+                wait->sent += sent;
+            }
             while (left > 0 && sent >= next->iov_len) {
                 sent -= next->iov_len;
                 ++next;
@@ -152,7 +151,19 @@ int SocketUtil::mysock_writev(int fd, const iovec* iov, int count, const StopFla
             }
             continue;
         }
+        if (written == 0) {
+            return 0;
+        }
         int err = errno;
+        if (err == EAGAIN || err == EWOULDBLOCK) {
+            // No room: this is where a blocking write would have waited.
+            int rc = waitWritable(fd, stop, wait);
+            if (rc < 0) {
+                log().writeFormat("mysock_writen mysock_select rc=%d", rc);
+                return rc;
+            }
+            continue;
+        }
         log().writeFormat("mysock_writen send nwritten=%d error=%s", static_cast<int>(written),
                           mysock_strerror());
         if (mysock_is_retryable(err) != 0) {
@@ -162,13 +173,53 @@ int SocketUtil::mysock_writev(int fd, const iovec* iov, int count, const StopFla
     return static_cast<int>(total);
 }
 
+int SocketUtil::waitWritable(int fd, const StopFlag* stop, WriteWait* wait) {
+    InputWhileWaiting* input = wait != nullptr ? wait->input : nullptr;
+    const int64_t deadline = wait != nullptr ? wait->deadlineMs : 0;
+    // The budget in whole one-second slices, as mysock_select counts it.
+    const int64_t budgetEnd = comm::monotonic_ms() + int64_t{slice_count(m_writeTimeoutMs)} * kSliceMs;
+    for (;;) {
+        const int64_t now = comm::monotonic_ms();
+        int64_t sliceMs = kSliceMs;
+        if (deadline != 0) {
+            if (now >= deadline) {
+                return MYSOCK_ERR_TIMEOUT;
+            }
+            sliceMs = std::min<int64_t>(sliceMs, deadline - now);
+        }
+        const bool reading = input != nullptr && input->wantsInput();
+        pollfd p{fd, static_cast<short>(POLLOUT | (reading ? POLLIN : 0)), 0};
+        int rc = poll(&p, 1, static_cast<int>(sliceMs));
+        if (rc < 0) {
+            return MYSOCK_ERR_WAIT;
+        }
+        if (rc > 0 && (p.revents & POLLNVAL) != 0) {
+            errno = EBADF;
+            return MYSOCK_ERR_WAIT;
+        }
+        if (rc > 0 && (p.revents & (kWritableEvents | POLLHUP)) != 0) {
+            return rc;  // room, or a failure that the next send reports
+        }
+        if (rc > 0 && reading) {
+            input->takeIn(fd);
+            continue;
+        }
+        if (stop != nullptr && stop->load() != 0) {
+            return MYSOCK_ERR_STOPPED;
+        }
+        if (comm::monotonic_ms() >= budgetEnd) {
+            return MYSOCK_ERR_TIMEOUT;
+        }
+    }
+}
+
 int SocketUtil::mysock_readn(int fd, void* buffer, int32_t len, const StopFlag* stop) {
     char* position = static_cast<char*>(buffer);
     int32_t remaining = len;
     while (remaining > 0) {
         int rc = mysock_select(fd + 1, 1, m_readTimeoutMs, stop);
         if (rc < 0) {
-            log().writeFormat("mysock_readn select rc=%d", rc);
+            mysock_log_read_wait_failure(rc);
             return rc;
         }
         ssize_t got = ::read(fd, position, static_cast<size_t>(remaining));
@@ -182,15 +233,26 @@ int SocketUtil::mysock_readn(int fd, void* buffer, int32_t len, const StopFlag* 
             continue;
         }
         int err = errno;
-        log().writeFormat("mysock_readn recv nread=%d error=%s", static_cast<int>(got),
-                          mysock_strerror());
+        mysock_log_read_call_failure(static_cast<int>(got));
         if (mysock_is_retryable(err) != 0) {
             return MYSOCK_ERR_IO;
         }
     }
     int count = len < 1 ? 0 : len - remaining;
-    log().writeFormat("SocketUtil:mysock_readn want_datalen - nright=%d", count);
+    mysock_log_read_count(count);
     return count;
+}
+
+void SocketUtil::mysock_log_read_count(int count) {
+    log().writeFormat("SocketUtil:mysock_readn want_datalen - nright=%d", count);
+}
+
+void SocketUtil::mysock_log_read_wait_failure(int rc) {
+    log().writeFormat("mysock_readn select rc=%d", rc);
+}
+
+void SocketUtil::mysock_log_read_call_failure(int nread) {
+    log().writeFormat("mysock_readn recv nread=%d error=%s", nread, mysock_strerror());
 }
 
 int SocketUtil::mysock_get_so_error(int fd) {

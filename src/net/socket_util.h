@@ -33,6 +33,26 @@ using StopFlag = std::atomic<int>;
 // Most pieces one mysock_writev takes.
 constexpr int kMaxWritePieces = 8;
 
+// Asked by a writer while it waits for room: reads what the peer sends in the
+// meantime, so that two endpoints writing to each other never both wait.
+class InputWhileWaiting {
+  public:
+    // False once there is no room left (or the input has ended).
+    virtual bool wantsInput() const = 0;
+    // Reads what has arrived on fd, without waiting.
+    virtual void takeIn(int fd) = 0;
+
+  protected:
+    ~InputWhileWaiting() = default;
+};
+
+// How a write may wait, beyond its budget and the stop flag.
+struct WriteWait {
+    int64_t deadlineMs = 0;              // monotonic milliseconds; 0 for none
+    InputWhileWaiting* input = nullptr;  // null: wait for room only
+    size_t sent = 0;                     // out: bytes that went out, also on failure
+};
+
 // Default budget of each wait in mysock_readn / mysock_writen.
 constexpr int32_t kDefaultIoTimeoutMs = 30000;
 // Socket buffer sizes every endpoint asks for.
@@ -47,6 +67,8 @@ class SocketUtil {
     int mysock_init_with_logger(comm::Logger* logger);
     void mysock_set_read_timeout(int32_t ms) { m_readTimeoutMs = ms; }
     void mysock_set_write_timeout(int32_t ms) { m_writeTimeoutMs = ms; }
+    int32_t mysock_read_timeout() const { return m_readTimeoutMs; }
+    int32_t mysock_write_timeout() const { return m_writeTimeoutMs; }
 
     static bool mysock_is_valid(int fd) { return fd >= 0; }
     static int mysock_errno();
@@ -67,15 +89,25 @@ class SocketUtil {
     // mysock_writen of the block made by the `count` pieces of `iov` one after
     // the other (at most kMaxWritePieces of them; empty pieces are skipped),
     // without copying them together: each send is one sendmsg of what is left.
-    // The same waits, budget, log lines and results, the length being the
-    // pieces' total: that total on success, 0 for an empty block (no call)
-    // or a send that wrote nothing, else -1 or a wait result. MYSOCK_ERR_IO
-    // without a call for more pieces or a total above INT32_MAX.
-    int mysock_writev(int fd, const iovec* iov, int count, const StopFlag* stop);
+    // A send is tried first and never blocks in the kernel; only when the
+    // socket has no room does it wait, in the same slices and budget as
+    // mysock_writen (and no longer than `wait->deadlineMs`). Results and log
+    // lines as mysock_writen, the length being the pieces' total: that total
+    // on success, 0 for an empty block (no call) or a send that wrote nothing,
+    // else -1 or a wait result. MYSOCK_ERR_IO without a call for more pieces
+    // or a total above INT32_MAX.
+    int mysock_writev(int fd, const iovec* iov, int count, const StopFlag* stop,
+                      WriteWait* wait = nullptr);
     // Exactly `len` bytes, each wait with the full read budget. `len` on
     // success; 0 when the peer closed (even after part of the data); else -1
     // or a wait result. Logs the count on every completed read.
     int mysock_readn(int fd, void* buffer, int32_t len, const StopFlag* stop);
+
+    // mysock_readn's log lines, for readers that take bytes in another way:
+    // the count after a completed read, a failed wait, a failed read call.
+    void mysock_log_read_count(int count);
+    void mysock_log_read_wait_failure(int rc);
+    void mysock_log_read_call_failure(int nread);
 
     // The pending SO_ERROR, or errno when getsockopt fails.
     static int mysock_get_so_error(int fd);
@@ -109,6 +141,8 @@ class SocketUtil {
 
   private:
     comm::Logger& log();
+    // mysock_writev's wait for room: > 0, or MYSOCK_ERR_WAIT, _STOPPED, _TIMEOUT.
+    int waitWritable(int fd, const StopFlag* stop, WriteWait* wait);
 
     comm::Logger* m_logger = nullptr;
     // The budgets may be changed while another thread waits.

@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 
@@ -23,8 +24,11 @@ namespace {
 constexpr int kLoopWaitMs = 5;
 constexpr uint32_t kIdleSleepMs = 10;
 constexpr int kAcceptWaitMs = 5;
-constexpr int kListenBacklog = 5;
+// The kernel caps it at the system's maximum (net.core.somaxconn): a burst
+// of connecting tests never waits for a SYN retry.
+constexpr int kListenBacklog = INT_MAX;
 constexpr uint32_t kKillDelayMs = 500;
+constexpr int kEventsPerPass = 64;
 const char kSource[] = "ipcserver";
 
 // dev as received may fill all 80 bytes without a NUL.
@@ -68,12 +72,18 @@ IPCServer::IPCServer(const std::string& servPath, ServerCallback callback, void*
 IPCServer::~IPCServer() {
     m_logger->writeLine("ipcserver free start");
     // No thread runs any more: stop() joined both, or start() never ran.
-    for (int fd : m_sockets) {
-        SocketUtil::mysock_close(fd);
+    for (const ConnectionPtr& conn : m_sockets) {
+        conn->requestClose(true);
+    }
+    for (const Lingering& entry : m_lingering) {
+        entry.conn->requestClose(true);
     }
     if (m_listenSocket != -1) {
         SocketUtil::mysock_close(m_listenSocket);
         m_listenSocket = -1;
+    }
+    if (m_epoll != -1) {
+        ::close(m_epoll);
     }
     if (TestLibrary::m_hDllLib != nullptr) {
         m_logger->writeLine("waiting release_so_client...");
@@ -126,6 +136,14 @@ int IPCServer::setupSocket() {
         m_logger->writeFormat("listen  error=%s", m_sockUtil.mysock_strerror());
         comm::throw_failure();
     }
+    // The set of client sockets the loop waits on: a pass costs the same
+    // however many idle clients there are.
+    m_epoll = epoll_create1(EPOLL_CLOEXEC);
+    if (m_epoll == -1) {
+        m_logger->writeFormat("epoll_create error=%s", m_sockUtil.mysock_strerror());
+        comm::throw_failure();
+    }
+    m_events.resize(kEventsPerPass);
     return rc;
 }
 
@@ -152,10 +170,17 @@ void IPCServer::acceptLoop() {
             break;
         }
         m_logger->writeFormat("accept ok client_socket=%d", fd);
-        withSendLock(kSource, 205, 207, [&] { m_liveSockets[fd] = ++m_nextGeneration; });
-        comm::mutex_lock(m_clientLock.get(), kSource, 210);
-        m_sockets.push_back(fd);
-        comm::mutex_unlock(m_clientLock.get(), kSource, 212);
+        auto conn = std::make_shared<Connection>(fd, ++m_nextSerial);
+        {
+            comm::MutexGuard guard(m_clientLock.get(), kSource, 210, 212);
+            m_sockets.push_back(conn);
+            m_socketCount = m_sockets.size();
+        }
+        // Listed first, so that the loop knows every connection it hears of.
+        epoll_event interest{};
+        interest.events = EPOLLIN;
+        interest.data.ptr = conn.get();
+        epoll_ctl(m_epoll, EPOLL_CTL_ADD, fd, &interest);
         if (m_acceptStop) {
             break;
         }
@@ -181,59 +206,107 @@ size_t IPCServer::clientCount() {
 }
 
 bool IPCServer::processOnce() {
-    if (!m_testSoLoaded && m_exitedCount > 0) {
-        pid_t pid = waitpid(0, nullptr, WNOHANG);
-        if (pid > 0) {
-            m_logger->writeFormat("waitpid pid=%d", static_cast<int>(pid));
-            --m_exitedCount;
-        }
-    }
-
-    comm::mutex_lock(m_clientLock.get(), kSource, 330);
-    m_passSockets = m_sockets;
-    comm::mutex_unlock(m_clientLock.get(), kSource, 332);
-    if (m_passSockets.empty()) {
+    reapChildren();
+    if (m_socketCount == 0 && m_lingering.empty()) {
         comm::sleep_ms(kIdleSleepMs);
         return true;
     }
-
-    m_pollFds.clear();
-    for (int fd : m_passSockets) {
-        m_pollFds.push_back(pollfd{fd, POLLIN, 0});
-    }
-    int ready = poll(m_pollFds.data(), m_pollFds.size(), kLoopWaitMs);
-    if (ready <= 0) {
+    int64_t now = comm::monotonic_ms();
+    serviceLingering(now);
+    expireStalled(now);
+    // A connection with a whole message already here is ready without waiting.
+    const int events = epoll_wait(m_epoll, m_events.data(), static_cast<int>(m_events.size()),
+                                  m_pending.empty() ? kLoopWaitMs : 0);
+    if (events <= 0 && m_pending.empty()) {
         return true;
     }
-
+    collectReady(events);
+    now = comm::monotonic_ms();
     m_removeList.clear();
-    IPCMessage msg{};
-    const StopFlag abort{0};
-    for (const pollfd& entry : m_pollFds) {
-        if ((entry.revents & (POLLIN | POLLHUP | POLLERR)) == 0 || alreadyRemoved(entry.fd)) {
-            continue;
-        }
-        std::memset(&msg, 0, sizeof(msg));
-        msg.data = recvBuffer();
-        if (!readMsgFromSocket(&m_sockUtil, entry.fd, &msg, m_logger.get(), &abort)) {
-            handleBrokenConnection(entry.fd);
-            continue;
-        }
-        handleMessage(entry.fd, msg);
+    for (Connection* conn : m_ready) {
+        serveOne(conn, now);
     }
-    removeSockets();
+    removeConnections();
+    mergeSideInput();
     return true;
 }
 
-bool IPCServer::alreadyRemoved(int fd) const {
-    return std::find(m_removeList.begin(), m_removeList.end(), fd) != m_removeList.end();
+void IPCServer::reapChildren() {
+    if (m_childCount == 0) {
+        return;
+    }
+    // Only the programs this server started, so that the host's own children
+    // are left to the host.
+    comm::MutexGuard guard(m_clientLock.get(), kSource, 320, 340);
+    for (auto child = m_children.begin(); child != m_children.end();) {
+        const pid_t pid = waitpid(*child, nullptr, WNOHANG);
+        if (pid == 0) {
+            ++child;
+            continue;
+        }
+        if (pid > 0) {
+            m_logger->writeFormat("waitpid pid=%d", static_cast<int>(pid));
+        }
+        // Reaped, or reaped by someone else (ECHILD): forgotten either way.
+        child = m_children.erase(child);
+    }
+    m_childCount = m_children.size();
 }
 
-void IPCServer::handleMessage(int fd, const IPCMessage& msg) {
+void IPCServer::collectReady(int events) {
+    m_ready.clear();
+    for (const ConnectionPtr& conn : m_pending) {
+        m_ready.push_back(conn.get());
+    }
+    m_pending.clear();
+    for (int i = 0; i < events; ++i) {
+        m_ready.push_back(static_cast<Connection*>(m_events[i].data.ptr));
+    }
+    // The order a pass has always had: the socket list's, oldest first.
+    std::sort(m_ready.begin(), m_ready.end(),
+              [](const Connection* a, const Connection* b) { return a->serial() < b->serial(); });
+    m_ready.erase(std::unique(m_ready.begin(), m_ready.end()), m_ready.end());
+}
+
+void IPCServer::serveOne(Connection* conn, int64_t nowMs) {
+    if (conn->closing()) {
+        return;  // ended earlier in this pass
+    }
+    MessageBuffer& input = conn->input();
+    if (!input.ready()) {
+        input.takeIn(conn->fd(), nowMs);
+    }
+    IPCMessage msg{};
+    switch (input.next(&msg, m_logger.get(), m_sockUtil)) {
+        case MessageBuffer::Next::kNeedMore:
+            break;
+        case MessageBuffer::Next::kFailed:
+            handleBrokenConnection(conn);
+            mergeSideInput();
+            return;
+        case MessageBuffer::Next::kMessage:
+            handleMessage(conn, msg);
+            input.done(nowMs);
+            mergeSideInput();
+            break;
+    }
+    if (conn->closing()) {
+        return;
+    }
+    if (input.ready()) {
+        m_pending.push_back(conn->shared_from_this());
+    } else if (input.partial() &&
+               std::none_of(m_stalled.begin(), m_stalled.end(),
+                            [conn](const ConnectionPtr& c) { return c.get() == conn; })) {
+        m_stalled.push_back(conn->shared_from_this());
+    }
+}
+
+void IPCServer::handleMessage(Connection* conn, const IPCMessage& msg) {
     const std::string dev = dev_text(msg);
     const std::string key = make_client_key(dev, msg.test_item);
     if (msg.event_id == CLIENT_IPC_CONFIG) {
-        registerClient(fd, msg, key);
+        registerClient(conn, msg, key);
     }
     bool known = false;
     {
@@ -244,7 +317,7 @@ void IPCServer::handleMessage(int fd, const IPCMessage& msg) {
         return;  // messages are routed by dev and test_item; strangers are dropped
     }
     if (msg.event_id == CLIENT_IPC_EXIT) {
-        handleExit(fd, msg, key);
+        handleExit(conn, msg, key);
         return;
     }
     if (tracing()) {
@@ -258,20 +331,18 @@ void IPCServer::handleMessage(int fd, const IPCMessage& msg) {
     }
 }
 
-void IPCServer::registerClient(int fd, const IPCMessage& msg, const std::string& key) {
-    ItemClient previous;
-    bool replaced = false;
+void IPCServer::registerClient(Connection* conn, const IPCMessage& msg, const std::string& key) {
     ItemClient item;
     item.dev = dev_text(msg);
     item.test_item = msg.test_item;
-    item.socket = fd;
+    item.socket = conn->fd();
     item.closing = false;
-    // The body is the client's pid in its native byte order.
-    std::memcpy(&item.pid, msg.data, sizeof(item.pid));
-    withSendLock(kSource, 370, 371, [&] {
-        auto live = m_liveSockets.find(fd);
-        item.generation = live != m_liveSockets.end() ? live->second : 0;
-    });
+    // The body is the client's pid in its native byte order; a shorter body
+    // leaves the missing bytes 0.
+    std::memcpy(&item.pid, msg.data, std::min<size_t>(sizeof(item.pid), msg.data_len));
+    item.conn = conn->shared_from_this();
+    ItemClient previous;
+    bool replaced = false;
     {
         comm::MutexGuard guard(m_clientLock.get(), kSource, 375, 380);
         auto found = m_clients.find(key);
@@ -283,23 +354,14 @@ void IPCServer::registerClient(int fd, const IPCMessage& msg, const std::string&
     }
     if (replaced) {
         // A second registration of the same pair, on this connection or
-        // another, drops the connection it was registered on.
+        // another, drops the connection it was registered on, once.
         m_logger->writeFormat("warning! CLIENT_IPC_CONFIG again! test_item=%d", msg.test_item);
-        // The replaced connection may have ended earlier in this pass, and its
-        // number may already belong to a connection accepted since: only the
-        // connection that registered is closed, and only once.
-        bool stillOpen = false;
-        withSendLock(kSource, 384, 388, [&] {
-            stillOpen = socketStillOpen(previous.socket, previous.generation);
-            if (stillOpen) {
-                SocketUtil::mysock_close(previous.socket);
-                m_liveSockets.erase(previous.socket);
-            }
-        });
-        m_logger->writeFormat("overwrite. remove socket=%d", previous.socket);
-        if (stillOpen) {
-            m_removeList.push_back(previous.socket);
+        if (!previous.conn->closing()) {
+            // Pairs registered on that connection end with it; on this very
+            // connection the pair just registered goes silently, as it always has.
+            endConnection(previous.conn, true, previous.conn.get() != conn);
         }
+        m_logger->writeFormat("overwrite. remove socket=%d", previous.socket);
     }
     {
         comm::MutexGuard guard(m_clientLock.get(), kSource, 390, 392);
@@ -308,43 +370,54 @@ void IPCServer::registerClient(int fd, const IPCMessage& msg, const std::string&
     m_logger->writeFormat("CLIENT_IPC_CONFIG %s", item_client_text(item).c_str());
 }
 
-void IPCServer::handleExit(int fd, const IPCMessage& msg, const std::string& key) {
+void IPCServer::handleExit(Connection* conn, const IPCMessage& msg, const std::string& key) {
     const std::string dev = dev_text(msg);
     m_logger->writeFormat("recv dev=%s test_item=%d event_id=%d data_len=%d", dev.c_str(),
                           msg.test_item, msg.event_id, msg.data_len);
+    ConnectionPtr target;
     {
         comm::MutexGuard guard(m_clientLock.get(), kSource, 400, 402);
         auto found = m_clients.find(key);
         if (found != m_clients.end()) {
             found->second.closing = true;
+            target = found->second.conn;
         }
     }
-    send_command(dev, msg.test_item, CLIENT_IPC_EXIT_ACK, nullptr, 0);
+    // The answer goes to where the pair registered. It is queued, never
+    // waited for: it leaves as soon as that socket takes it, before the close.
+    if (target != nullptr && target->isOpen()) {
+        post(*target, dev.c_str(), msg.test_item, CLIENT_IPC_EXIT_ACK);
+        linger(target);
+    }
     m_logger->writeFormat("client close dev=%s test_item=%d", dev.c_str(), msg.test_item);
     callBack(msg.test_item, CLIENT_IPC_CLOSED, dev.c_str(), msg.time_sec, msg.time_usec, msg.data,
              msg.data_len);
-    closeClientSocket(fd);
-    m_removeList.push_back(fd);
+    endConnection(conn->shared_from_this(), false, true);
 }
 
-void IPCServer::handleBrokenConnection(int fd) {
-    closeClientSocket(fd);
-    m_removeList.push_back(fd);
-    ItemClient item;
-    bool found = false;
+void IPCServer::handleBrokenConnection(Connection* conn) {
+    const ConnectionPtr ended = conn->shared_from_this();
+    endConnection(ended, true, false);
+    std::vector<ItemClient> items;
     {
         comm::MutexGuard guard(m_clientLock.get(), kSource, 420, 422);
         for (const auto& entry : m_clients) {
-            if (entry.second.socket == fd) {
-                item = entry.second;  // the last match in key order
-                found = true;
+            if (entry.second.conn == ended) {
+                items.push_back(entry.second);
             }
         }
     }
-    if (!found) {
-        m_logger->writeFormat("not found ItemClient of sockfd=%d.", fd);
+    if (items.empty()) {
+        m_logger->writeFormat("not found ItemClient of sockfd=%d.", conn->fd());
         return;
     }
+    // Every pair registered on the connection ends with it, in key order.
+    for (const ItemClient& item : items) {
+        reportEnd(item);
+    }
+}
+
+void IPCServer::reportEnd(const ItemClient& item) {
     const std::string text = item_client_text(item);
     if (item.closing) {
         m_logger->writeFormat("client close %s result=%d", text.c_str(), -1);
@@ -357,55 +430,112 @@ void IPCServer::handleBrokenConnection(int fd) {
              static_cast<int32_t>(now.tv_usec), nullptr, 0);
 }
 
-void IPCServer::removeSockets() {
-    for (int fd : m_removeList) {
+void IPCServer::endConnection(const ConnectionPtr& conn, bool abortWriter, bool reportRest) {
+    // Out of the set before the number can be closed and given to another.
+    epoll_ctl(m_epoll, EPOLL_CTL_DEL, conn->fd(), nullptr);
+    conn->requestClose(abortWriter);
+    linger(conn);
+    m_removeList.push_back(Removal{conn, reportRest});
+}
+
+void IPCServer::linger(const ConnectionPtr& conn) {
+    if (conn->service()) {
+        return;
+    }
+    for (const Lingering& entry : m_lingering) {
+        if (entry.conn == conn) {
+            return;
+        }
+    }
+    // As long as a write may wait for room, and not longer.
+    m_lingering.push_back(
+        Lingering{conn, comm::monotonic_ms() + m_sockUtil.mysock_write_timeout()});
+}
+
+void IPCServer::serviceLingering(int64_t nowMs) {
+    for (auto entry = m_lingering.begin(); entry != m_lingering.end();) {
+        if (entry->conn->service()) {
+            entry = m_lingering.erase(entry);
+        } else if (nowMs > entry->giveUpMs) {
+            entry->conn->abandon();
+            entry = m_lingering.erase(entry);
+        } else {
+            ++entry;
+        }
+    }
+}
+
+void IPCServer::mergeSideInput() {
+    for (Connection* conn : sideFilled()) {
+        conn->input().mergeSide();
+        if (!conn->closing() && conn->input().ready()) {
+            m_pending.push_back(conn->shared_from_this());
+        }
+    }
+    sideFilled().clear();
+}
+
+void IPCServer::expireStalled(int64_t nowMs) {
+    const int32_t budget = m_sockUtil.mysock_read_timeout();
+    for (auto conn = m_stalled.begin(); conn != m_stalled.end();) {
+        MessageBuffer& input = (*conn)->input();
+        if ((*conn)->closing() || !input.partial()) {
+            conn = m_stalled.erase(conn);
+        } else if (input.expire(nowMs, budget)) {
+            m_pending.push_back(*conn);  // its failure is reported in this pass
+            conn = m_stalled.erase(conn);
+        } else {
+            ++conn;
+        }
+    }
+}
+
+void IPCServer::removeConnections() {
+    for (const Removal& removal : m_removeList) {
+        std::vector<ItemClient> rest;
         comm::mutex_lock(m_clientLock.get(), kSource, 383);
-        auto listed = std::find(m_sockets.begin(), m_sockets.end(), fd);
+        auto listed = std::find(m_sockets.begin(), m_sockets.end(), removal.conn);
         if (listed != m_sockets.end()) {
             m_sockets.erase(listed);
+            m_socketCount = m_sockets.size();
         }
-        for (auto entry = m_clients.begin(); entry != m_clients.end(); ++entry) {
-            if (entry->second.socket == fd) {
-                m_clients.erase(entry);
-                break;
+        for (auto entry = m_clients.begin(); entry != m_clients.end();) {
+            if (entry->second.conn == removal.conn) {
+                rest.push_back(entry->second);
+                entry = m_clients.erase(entry);
+            } else {
+                ++entry;
             }
         }
         comm::mutex_unlock(m_clientLock.get(), kSource, 403);
         // Raised for every removed socket, with or without a child behind it.
         ++m_exitedCount;
+        if (removal.reportRest) {
+            for (const ItemClient& item : rest) {
+                if (!item.closing) {
+                    reportEnd(item);
+                }
+            }
+        }
     }
-}
-
-void IPCServer::closeClientSocket(int fd) {
-    withSendLock(kSource, 440, 441, [&] {
-        SocketUtil::mysock_close(fd);
-        m_liveSockets.erase(fd);
-    });
-}
-
-bool IPCServer::socketStillOpen(int fd, uint64_t generation) const {
-    auto live = m_liveSockets.find(fd);
-    return live != m_liveSockets.end() && live->second == generation;
 }
 
 bool IPCServer::send_command(const std::string& dev, int32_t testItem, int32_t eventId,
                              const void* data, int32_t dataLen) {
-    ItemClient item;
-    bool found = false;
+    ConnectionPtr conn;
     {
         comm::MutexGuard guard(m_clientLock.get(), kSource, 460, 462);
         auto entry = m_clients.find(make_client_key(dev, testItem));
         if (entry != m_clients.end()) {
-            item = entry->second;
-            found = true;
+            conn = entry->second.conn;
         }
     }
-    if (!found) {
+    if (conn == nullptr) {
         m_logger->writeFormat("error! send_command event=%d dev=%s test_item=%d client not exist",
                               eventId, dev.c_str(), testItem);
         return false;
     }
-    return sendChecked(item.socket, item.generation, dev.c_str(), testItem, eventId, data, dataLen);
+    return send(*conn, dev.c_str(), testItem, eventId, data, dataLen);
 }
 
 void IPCServer::kill_client() {
@@ -446,7 +576,13 @@ int IPCServer::run_test(const char* testPath, const char* dValue, const char* ex
         return 1;
     }
     // A failed fork or exec is not reported: the test proves itself by registering.
-    spawn_test_process(plan_launch(path, cmdArgs, suFilePath, suPreCmd), m_listenSocket);
+    const int pid = spawn_test_process(plan_launch(path, cmdArgs, suFilePath, suPreCmd),
+                                       m_listenSocket);
+    if (pid > 0) {
+        comm::MutexGuard guard(m_clientLock.get(), kSource, 495, 497);
+        m_children.push_back(pid);
+        m_childCount = m_children.size();
+    }
     m_logger->writeFormat("run_test ok, ppid=%d pthreadid=%lu", static_cast<int>(getpid()),
                           static_cast<unsigned long>(pthread_self()));
     m_lastRunTestMs = comm::tick_ms();

@@ -3,20 +3,23 @@
 // Threads: the host's threads (run_test, send_command, kill_client,
 // set_su_file_path), the processing thread (processOnce: registration,
 // delivery to the host callback, exits and broken connections, reaping) and
-// the accept thread. Locks: the send lock of IPCBase around every write and
-// every close of a client socket; the client lock around the socket list, the
-// client table and the su settings. The two are never held together.
+// the accept thread. No peer can hold up another: each connection has its own
+// send lock and receive buffer, and neither the accept thread nor the
+// processing loop ever waits for a peer's write (the loop's own answers are
+// queued on the connection). The client lock guards the socket list, the
+// client table, the launched children and the su settings, and is never held
+// across a wait or a call out.
 #ifndef VEXA_SERVER_IPCSERVER_H
 #define VEXA_SERVER_IPCSERVER_H
 
-#include <poll.h>
+#include <sys/epoll.h>
+#include <sys/types.h>
 
 #include <atomic>
 #include <cstdint>
 #include <map>
 #include <memory>
 #include <string>
-#include <unordered_map>
 #include <vector>
 
 #include "core/ipcbase.h"
@@ -37,7 +40,7 @@ class IPCServer : public IPCBase {
     // is started as a program. Always 1.
     int run_test(const char* testPath, const char* dValue, const char* extraArgs);
     // Sends one message to the client registered under dev and testItem; true
-    // when it was written whole.
+    // when it was written whole. Waits only for that client's socket.
     bool send_command(const std::string& dev, int32_t testItem, int32_t eventId, const void* data,
                       int32_t dataLen);
     // Waits out the rest of 500 ms after the last program launch.
@@ -47,6 +50,7 @@ class IPCServer : public IPCBase {
     // Observers for tests and tools.
     int port() const { return m_port; }
     const std::string& ip() const { return m_ip; }
+    // Connections removed so far.
     int exitedCount() const { return m_exitedCount; }
     bool testSoLoaded() const { return m_testSoLoaded; }
     size_t clientCount();
@@ -56,20 +60,42 @@ class IPCServer : public IPCBase {
     void onStart() override;
     void onStop() override;
     bool processOnce() override;
-    bool socketStillOpen(int fd, uint64_t generation) const override;
 
   private:
+    using ConnectionPtr = std::shared_ptr<Connection>;
+    // A connection that ended in this pass: taken out of the list and the
+    // table at the end of it.
+    struct Removal {
+        ConnectionPtr conn;
+        bool reportRest;  // pairs still registered on it are reported then
+    };
+    // A closed connection that still has an answer to send.
+    struct Lingering {
+        ConnectionPtr conn;
+        int64_t giveUpMs;
+    };
+
     static void acceptThread(void* self);
     void acceptLoop();
-    void handleMessage(int fd, const IPCMessage& msg);
-    void registerClient(int fd, const IPCMessage& msg, const std::string& key);
-    void handleExit(int fd, const IPCMessage& msg, const std::string& key);
-    void handleBrokenConnection(int fd);
-    void removeSockets();
-    // Closes a client socket with the send lock held, so no sender writes on
-    // its number after this, even if the process reuses it.
-    void closeClientSocket(int fd);
-    bool alreadyRemoved(int fd) const;
+    void reapChildren();
+    // Collects this pass's connections: those epoll reports and those with a
+    // whole message (or an end) already received, in order of acceptance.
+    void collectReady(int events);
+    void serveOne(Connection* conn, int64_t nowMs);
+    void handleMessage(Connection* conn, const IPCMessage& msg);
+    void registerClient(Connection* conn, const IPCMessage& msg, const std::string& key);
+    void handleExit(Connection* conn, const IPCMessage& msg, const std::string& key);
+    void handleBrokenConnection(Connection* conn);
+    // Takes conn out of the epoll set and closes it (after its queued answer).
+    void endConnection(const ConnectionPtr& conn, bool abortWriter, bool reportRest);
+    void linger(const ConnectionPtr& conn);
+    void serviceLingering(int64_t nowMs);
+    // Bytes that callbacks' sends took in while waiting, back into their buffers.
+    void mergeSideInput();
+    void expireStalled(int64_t nowMs);
+    void removeConnections();
+    // Logs the pair's end and tells the host, as its closing flag says.
+    void reportEnd(const ItemClient& item);
 
     comm::ThreadHandle* m_acceptThread = nullptr;
     std::atomic<bool> m_acceptStop{false};
@@ -80,23 +106,26 @@ class IPCServer : public IPCBase {
     std::atomic<int> m_exitedCount{0};
     std::atomic<uint32_t> m_lastRunTestMs{0};
     int m_listenSocket = -1;
+    int m_epoll = -1;  // the client sockets; changed by the accept thread and the loop
+    uint64_t m_nextSerial = 0;  // accept thread only
 
     std::unique_ptr<comm::Mutex, MutexDeleter> m_clientLock;
-    std::vector<int> m_sockets;                   // guarded by m_clientLock
+    std::vector<ConnectionPtr> m_sockets;         // guarded by m_clientLock, in order of acceptance
+    std::atomic<size_t> m_socketCount{0};         // m_sockets.size()
     std::map<std::string, ItemClient> m_clients;  // guarded by m_clientLock
     std::string m_suFilePath;                     // guarded by m_clientLock
     std::string m_suPreCmd;                       // guarded by m_clientLock
+    std::vector<pid_t> m_children;                // guarded by m_clientLock: launched, not reaped
+    std::atomic<size_t> m_childCount{0};          // m_children.size()
     std::atomic<bool> m_testSoLoaded{false};
 
-    // Open client sockets and the connection each number currently stands
-    // for; guarded by the send lock.
-    std::unordered_map<int, uint64_t> m_liveSockets;
-    uint64_t m_nextGeneration = 0;  // guarded by the send lock
-
     // Processing thread only, kept to avoid allocating on every pass.
-    std::vector<int> m_passSockets;
-    std::vector<pollfd> m_pollFds;
-    std::vector<int> m_removeList;
+    std::vector<epoll_event> m_events;
+    std::vector<Connection*> m_ready;
+    std::vector<ConnectionPtr> m_pending;  // whole message or end already received
+    std::vector<ConnectionPtr> m_stalled;  // part of a message waits for the rest
+    std::vector<Removal> m_removeList;
+    std::vector<Lingering> m_lingering;
 };
 
 }  // namespace vexa

@@ -3,7 +3,10 @@
 #define VEXA_SERVER_ITEM_CLIENT_H
 
 #include <cstdint>
+#include <memory>
 #include <string>
+
+#include "core/connection.h"
 
 namespace vexa {
 
@@ -13,9 +16,10 @@ struct ItemClient {
     int socket = -1;
     bool closing = false;  // set when the client sent CLIENT_IPC_EXIT
     int32_t pid = 0;       // from the registration body
-    // Which connection `socket` meant when the client registered; a number
-    // closed and reused by a later connection has another generation.
-    uint64_t generation = 0;
+    // The connection it registered on: messages to it go there, and when it
+    // ends every pair registered on it goes too, whatever number the process
+    // gives a later connection.
+    std::shared_ptr<Connection> conn;
 };
 
 // The device string followed directly by the decimal test item. There is no

@@ -8,6 +8,8 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
+#include <fstream>
+#include <iterator>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -131,6 +133,8 @@ TEST(Api, NullHandlesAndArgumentsAreRefused) {
 
 TEST(Api, FailedCreationsReturnNull) {
     Recorder host;
+    EXPECT_EQ(ipc_init_server(nullptr, &Recorder::callback, &host), nullptr);
+    EXPECT_EQ(ipc_init_client(nullptr, &Recorder::callback, &host, "d", 1), nullptr);
     for (const char* bad : {"tcp://:0", "tcp://:abc", "tcp://127.0.0.1", "udp://:5000"}) {
         EXPECT_EQ(ipc_init_server(bad, &Recorder::callback, &host), nullptr) << bad;
         EXPECT_EQ(ipc_init_client(bad, &Recorder::callback, &host, "d", 1), nullptr) << bad;
@@ -216,6 +220,81 @@ TEST(Api, ServerGoingAwayReaches1006AndReleaseIsQuick) {
     long long start = now_ms();
     ipc_uninit_client(client);
     EXPECT_LT(now_ms() - start, 1500);  // no 2000 ms wait for an answer
+}
+
+// Both ends answer every message from inside their callbacks, with the
+// largest bodies and eight of them in flight: neither waits for the other
+// for ever. An endpoint released from its own callback refuses, and stays
+// usable.
+struct Echoes {
+    static constexpr int kRounds = 64;
+    static constexpr int32_t kEcho = 300;
+    static constexpr int32_t kRelease = 301;
+    const std::string body = pattern(IPC_MAX_DATA_LEN - 1);
+    std::atomic<void*> server{nullptr};
+    std::atomic<void*> client{nullptr};
+    std::atomic<int> atHost{0};
+    std::atomic<int> atTest{0};
+    std::atomic<int> refusals{0};
+
+    static int host(void* user, int32_t item, int32_t id, const char* dev, int32_t, int32_t,
+                    const char*, int32_t) {
+        auto* self = static_cast<Echoes*>(user);
+        if (id == kEcho && ++self->atHost <= kRounds) {
+            ipc_send_command(self->server, dev, item, kEcho, self->body.data(),
+                             static_cast<int32_t>(self->body.size()));
+        } else if (id == kRelease) {
+            ipc_uninit_server(self->server);
+            ++self->refusals;
+            ipc_send_command(self->server, dev, item, kRelease, nullptr, 0);
+        }
+        return 0;
+    }
+    static int test(void* user, int32_t, int32_t id, const char*, int32_t, int32_t, const char*,
+                    int32_t) {
+        auto* self = static_cast<Echoes*>(user);
+        if (id == kEcho && ++self->atTest <= kRounds) {
+            ipc_send_message(self->client, kEcho, self->body.data(),
+                             static_cast<int32_t>(self->body.size()));
+        } else if (id == kRelease) {
+            ipc_uninit_client(self->client);
+            ++self->refusals;
+        }
+        return 0;
+    }
+};
+
+TEST(Api, CallbacksAnsweringEachOtherNeverWaitForEver) {
+    Echoes echoes;
+    const std::string address = make_address();
+    echoes.server = ipc_init_server(address.c_str(), &Echoes::host, &echoes);
+    ASSERT_NE(echoes.server.load(), nullptr);
+    echoes.client = ipc_init_client(address.c_str(), &Echoes::test, &echoes, "echo", 5);
+    ASSERT_NE(echoes.client.load(), nullptr);
+    for (int i = 0; i < 8; ++i) {
+        EXPECT_TRUE(ipc_send_message(echoes.client, Echoes::kEcho, echoes.body.data(),
+                                     static_cast<int32_t>(echoes.body.size())));
+    }
+    const long long deadline = now_ms() + 60000;
+    while ((echoes.atHost < Echoes::kRounds || echoes.atTest < Echoes::kRounds) &&
+           now_ms() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    EXPECT_GE(echoes.atHost.load(), Echoes::kRounds);
+    EXPECT_GE(echoes.atTest.load(), Echoes::kRounds);
+
+    EXPECT_TRUE(ipc_send_message(echoes.client, Echoes::kRelease, nullptr, 0));
+    while (echoes.refusals < 2 && now_ms() < deadline)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    EXPECT_EQ(echoes.refusals.load(), 2);
+    const std::string refused = "uninit refused: called from the endpoint's own callback";
+    for (const std::string& name : {"ipc_server_" + address.substr(7), std::string("ipc_client_echo")}) {
+        std::ifstream log(std::string(VEXA_API_LOG_DIR) + name + ".log");
+        const std::string text((std::istreambuf_iterator<char>(log)), {});
+        EXPECT_NE(text.find(refused), std::string::npos) << name;
+    }
+    ipc_uninit_client(echoes.client);
+    ipc_uninit_server(echoes.server);
 }
 
 // A launched test program: registers, echoes, then leaves in order or dies.

@@ -146,6 +146,7 @@ TEST(IPCBaseMarkers, MarkersSeenAtConstructionTraceOrSilence) {
                  {"ipc_sendrecv.txt", "ipc_test_trace.log", traced},
                  {"ipc_notprint.txt", "ipc_test_silent.log", {}}};
     SocketPair pair;
+    vexa::Connection conn(dup(pair.a), 1);
     for (const auto& c : cases) {
         SCOPED_TRACE(c.log);
         const std::string marker = log_path(c.marker != nullptr ? c.marker : "no-marker");
@@ -154,10 +155,10 @@ TEST(IPCBaseMarkers, MarkersSeenAtConstructionTraceOrSilence) {
         TestEndpoint endpoint(ignore_message, c.log);
         std::remove(marker.c_str());  // changes nothing for an endpoint that saw it
         endpoint.start();
-        EXPECT_TRUE(endpoint.send(pair.a, "dev-A", 3, 1000, "hello", 5));
-        EXPECT_TRUE(endpoint.send(pair.a, "dev-B", -1, 9002, nullptr, 0));
-        EXPECT_FALSE(endpoint.send(pair.a, "dev-C", 4, 5, "x", IPC_MAX_DATA_LEN));
-        EXPECT_TRUE(endpoint.send(pair.a, "", 0, 7, "abcdefgh", 8));
+        EXPECT_TRUE(endpoint.send(conn, "dev-A", 3, 1000, "hello", 5));
+        EXPECT_TRUE(endpoint.send(conn, "dev-B", -1, 9002, nullptr, 0));
+        EXPECT_FALSE(endpoint.send(conn, "dev-C", 4, 5, "x", IPC_MAX_DATA_LEN));
+        EXPECT_TRUE(endpoint.send(conn, "", 0, 7, "abcdefgh", 8));
         endpoint.stop();
         Lines sends;
         for (const std::string& text : log_texts(log_path(c.log))) {
@@ -172,9 +173,10 @@ TEST(IPCBaseMarkers, MarkersSeenAtConstructionTraceOrSilence) {
 
 TEST(IPCBaseSend, HeadIsBigEndianAtItsOffsets) {
     SocketPair pair;
+    vexa::Connection conn(dup(pair.a), 1);
     TestEndpoint endpoint(nullptr, "ipc_test_head.log");
     const time_t now = time(nullptr);
-    ASSERT_TRUE(endpoint.send(pair.a, "dev-A", 1, 0x01020304, "xyz", 3));
+    ASSERT_TRUE(endpoint.send(conn, "dev-A", 1, 0x01020304, "xyz", 3));
     std::string bytes = read_exactly(pair.b, 103);
     ASSERT_EQ(bytes.size(), 103u);
     EXPECT_EQ(bytes.substr(0, 80), "dev-A" + std::string(75, '\0'));
@@ -185,7 +187,7 @@ TEST(IPCBaseSend, HeadIsBigEndianAtItsOffsets) {
     EXPECT_EQ(bytes.substr(96), std::string("\0\0\0\x03xyz", 7));
 
     // A long device string is cut to 79 bytes; negative numbers in two's complement.
-    ASSERT_TRUE(endpoint.send(pair.a, std::string(120, 'L').c_str(), -2, -1, nullptr, 0));
+    ASSERT_TRUE(endpoint.send(conn, std::string(120, 'L').c_str(), -2, -1, nullptr, 0));
     bytes = read_exactly(pair.b, 100);
     ASSERT_EQ(bytes.size(), 100u);
     EXPECT_EQ(bytes.substr(0, 80), std::string(79, 'L') + '\0');
@@ -198,11 +200,12 @@ TEST(IPCBaseSend, HeadIsBigEndianAtItsOffsets) {
 TEST(IPCBaseSend, EmptyAndLargestBodiesArriveWithTheirNul) {
     vexa_test::TempDir tmp;
     SocketPair pair;
+    vexa::Connection conn(dup(pair.a), 1);
     TestEndpoint endpoint(nullptr, "ipc_test_bodies.log");
     vexa_test::FrameReader reader(tmp.file("reader.log"));
     const vexa::IPCMessage& msg = reader.msg;
 
-    ASSERT_TRUE(endpoint.send(pair.a, "dev", 2, 3, nullptr, 0));
+    ASSERT_TRUE(endpoint.send(conn, "dev", 2, 3, nullptr, 0));
     ASSERT_TRUE(reader.read(pair.b));
     EXPECT_EQ(msg.data_len, 0);
     EXPECT_EQ(msg.data[0], '\0');
@@ -211,7 +214,7 @@ TEST(IPCBaseSend, EmptyAndLargestBodiesArriveWithTheirNul) {
     const std::string body = vexa_test::pattern(largest);
     bool sent = false;
     // The body is larger than the pair's buffers: the send waits for the reader.
-    std::thread sender([&] { sent = endpoint.send(pair.a, "dev", 2, 4, body.data(), largest); });
+    std::thread sender([&] { sent = endpoint.send(conn, "dev", 2, 4, body.data(), largest); });
     const bool got = reader.read(pair.b);
     sender.join();
     EXPECT_TRUE(sent);
@@ -224,22 +227,23 @@ TEST(IPCBaseSend, EmptyAndLargestBodiesArriveWithTheirNul) {
 
 TEST(IPCBaseSend, RefusedLengthsWriteNothingAndAFailedWriteKeepsTheSocket) {
     SocketPair pair;
+    vexa::Connection conn(dup(pair.a), 1);
     const std::string name = "ipc_test_refused.log";
     {
         TestEndpoint endpoint(nullptr, name);
         const std::string body(IPC_MAX_DATA_LEN, 'b');
-        EXPECT_FALSE(endpoint.send(pair.a, "dev", 1, 1, body.data(), IPC_MAX_DATA_LEN));
-        EXPECT_FALSE(endpoint.send(pair.a, "dev", 1, 1, body.data(), -1));
+        EXPECT_FALSE(endpoint.send(conn, "dev", 1, 1, body.data(), IPC_MAX_DATA_LEN));
+        EXPECT_FALSE(endpoint.send(conn, "dev", 1, 1, body.data(), -1));
         EXPECT_FALSE(readable(pair.b));
         // The stream is still at a message boundary.
-        ASSERT_TRUE(endpoint.send(pair.a, "dev", 1, 77, nullptr, 0));
+        ASSERT_TRUE(endpoint.send(conn, "dev", 1, 77, nullptr, 0));
         const std::string bytes = read_exactly(pair.b, 100);
         ASSERT_EQ(bytes.size(), 100u);
         EXPECT_EQ(get_be32(bytes, 84), 77);
 
         pair.closeB();
-        EXPECT_FALSE(endpoint.send(pair.a, "dev", 1, 1, "abc", 3));
-        EXPECT_NE(fcntl(pair.a, F_GETFD), -1);
+        EXPECT_FALSE(endpoint.send(conn, "dev", 1, 1, "abc", 3));
+        EXPECT_TRUE(conn.isOpen());  // nothing went out: the stream is whole
     }
     const std::string log = log_path(name);
     EXPECT_EQ(vexa_test::count_log_text(log, "error! data_len=512000 range[0-512000)"), 1);
@@ -249,6 +253,7 @@ TEST(IPCBaseSend, RefusedLengthsWriteNothingAndAFailedWriteKeepsTheSocket) {
 TEST(IPCBaseSend, ConcurrentSendersNeverInterleave) {
     vexa_test::TempDir tmp;
     SocketPair pair;
+    vexa::Connection conn(dup(pair.a), 1);
     const int senders = 4;
     const int perSender = 24;
     TestEndpoint endpoint(nullptr, "ipc_test_concurrent.log");
@@ -262,7 +267,7 @@ TEST(IPCBaseSend, ConcurrentSendersNeverInterleave) {
         threads.emplace_back([&, s] {
             for (int seq = 0; seq < perSender; ++seq) {
                 const std::string b = body(s, seq);
-                failedSends += !endpoint.send(pair.a, "dev-concurrent", s, seq, b.data(),
+                failedSends += !endpoint.send(conn, "dev-concurrent", s, seq, b.data(),
                                               static_cast<int32_t>(b.size()));
             }
         });

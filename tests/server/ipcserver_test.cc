@@ -2,7 +2,12 @@
 // registration, delivery, exits, broken connections, routing and teardown.
 #include "server/ipcserver.h"
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
 #include <sys/time.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
@@ -222,6 +227,98 @@ TEST(ServerRegistry, UnregisteredPairsAreDroppedAndOnlyRegisteredLossesReported)
     for (const Event& e : r.events.events())
         seen.push_back(e.event);
     EXPECT_EQ(seen, (std::vector<int32_t>{CLIENT_IPC_CONFIG, 501, 502, CLIENT_IPC_OFFLINE}));
+}
+
+// Every pair a connection registered ends with it, reported once; a later
+// connection that gets the same number has nothing to do with them.
+TEST(ServerRegistry, EveryPairOfAConnectionEndsWithIt) {
+    Running r;
+    ASSERT_NE(r.server, nullptr);
+    FramedConn both;
+    ASSERT_TRUE(r.join(both, "a", 1));
+    ASSERT_TRUE(both.registerAs("b", 2));
+    ASSERT_TRUE(r.events.waitFor(CLIENT_IPC_CONFIG, "b", 2));
+    both.close();
+    EXPECT_TRUE(r.events.waitFor(CLIENT_IPC_OFFLINE, "a", 1));
+    EXPECT_TRUE(r.events.waitFor(CLIENT_IPC_OFFLINE, "b", 2));
+    FramedConn next;
+    ASSERT_TRUE(r.join(next, "c", 3));
+    next.close();
+    EXPECT_TRUE(r.events.waitFor(CLIENT_IPC_OFFLINE, "c", 3));
+    EXPECT_TRUE(wait_until([&] { return r.server->exitedCount() == 2; }));
+    EXPECT_EQ(r.events.matching(CLIENT_IPC_OFFLINE).size(), 3u);
+    EXPECT_EQ(r.server->clientCount(), 0u);
+}
+
+// A test that stops reading holds up the sends to it and nothing else: while
+// a host thread waits to write to it, others register and talk. The write
+// gives up after its budget with part of a message out, so the connection is
+// shut down: the reader gets whole messages, one cut short and the end, the
+// host a 9006, and later sends to it fail.
+TEST(ServerIsolation, AStalledReaderHoldsUpOnlyTheSendsToIt) {
+    Running r;
+    ASSERT_NE(r.server, nullptr);
+    r.server->socketUtil().mysock_set_write_timeout(3000);
+    FramedConn stalled;
+    ASSERT_TRUE(r.join(stalled, "stalled", 1));
+    const std::string body = vexa_test::pattern(IPC_MAX_DATA_LEN - 1);
+    std::atomic<bool> sending{true};
+    size_t written = 0;
+    std::thread host([&] {
+        while (r.server->send_command("stalled", 1, 500, body.data(), IPC_MAX_DATA_LEN - 1))
+            ++written;
+        sending = false;
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));  // the buffers fill up
+    FramedConn other;
+    ASSERT_TRUE(r.join(other, "other", 2));
+    ASSERT_TRUE(other.sendMsg("other", 2, 501, "x"));
+    EXPECT_TRUE(r.events.waitFor(501, "other", 2));
+    EXPECT_TRUE(r.server->send_command("other", 2, 502, nullptr, 0));
+    WireMsg answer;
+    EXPECT_TRUE(other.readMsg(&answer));
+    EXPECT_TRUE(sending) << "the host thread was not held up at all";
+    host.join();
+
+    EXPECT_TRUE(r.events.waitFor(CLIENT_IPC_OFFLINE, "stalled", 1));
+    EXPECT_FALSE(r.server->send_command("stalled", 1, 503, nullptr, 0));
+    size_t received = 0;
+    EXPECT_TRUE(stalled.waitEof(10000, &received));
+    const size_t whole = vexa::IPC_HEAD_SIZE + IPC_MAX_DATA_LEN - 1;
+    EXPECT_EQ(received / whole, written);
+    EXPECT_NE(received % whole, 0u);
+}
+
+// A burst of connecting tests is taken in at once: no connect waits for its
+// SYN to be sent again (a second), as with a small listen backlog.
+TEST(ServerListen, ABurstOfConnectsIsTakenInAtOnce) {
+    Running r;
+    ASSERT_NE(r.server, nullptr);
+    constexpr int kBurst = 200;
+    std::vector<pollfd> pending;
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_port = htons(static_cast<uint16_t>(r.port));
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    const long long start = vexa_test::monotonic_ms();
+    for (int i = 0; i < kBurst; ++i) {
+        const int fd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+        ASSERT_GE(fd, 0);
+        connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
+        pending.push_back(pollfd{fd, POLLOUT, 0});
+    }
+    size_t connected = 0;
+    while (connected < pending.size() && vexa_test::monotonic_ms() - start < 5000) {
+        poll(pending.data(), pending.size(), 100);
+        connected = 0;
+        for (pollfd& p : pending)
+            connected += (p.revents & POLLOUT) != 0 ? 1 : 0;
+    }
+    const long long took = vexa_test::monotonic_ms() - start;
+    for (const pollfd& p : pending)
+        close(p.fd);
+    EXPECT_EQ(connected, pending.size());
+    EXPECT_LT(took, 900);
 }
 
 // CLIENT_IPC_EXIT is answered by one bare head and reported as closed; a

@@ -153,21 +153,38 @@ TEST_F(Launch, KillClientWaitsOnlyRightAfterALaunch) {
     EXPECT_EQ(vexa_test::count_log_text(r.log, delay), 1);
 }
 
-TEST_F(Launch, ExitedTestIsReapedByTheLoop) {
+// The loop reaps exactly the programs it launched, registered or not, also
+// once a test library is loaded; the host's own children are the host's.
+TEST_F(Launch, LaunchedProgramsAndOnlyThoseAreReaped) {
     ASSERT_NE(r.server, nullptr);
+    const pid_t own = fork();
+    if (own == 0)
+        _exit(0);
+    ASSERT_GT(own, 0);
     r.server->set_su_file_path(kDirect.c_str(), "");
+    r.server->run_test(TEST_LIB_FULL, nullptr, nullptr);
     r.server->run_test(kPeer.c_str(), "zdev", "--connect --item 7 --exit");
+    r.server->run_test(kPeer.c_str(), "silent", nullptr);  // never connects
 
     ASSERT_TRUE(r.events.waitFor(CLIENT_IPC_CONFIG, "zdev", 7, 1, 20000));
     const int32_t pid = srvtest::native32(r.events.matching(CLIENT_IPC_CONFIG)[0].data);
     ASSERT_GT(pid, 0);
     EXPECT_TRUE(r.events.waitFor(CLIENT_IPC_OFFLINE, "zdev", 7));
     ASSERT_TRUE(vexa_test::wait_log(r.log, "waitpid pid=" + std::to_string(pid)));
-
+    const auto reaped = [&] {
+        int lines = 0;
+        for (const std::string& text : vexa_test::log_texts(r.log))
+            lines += text.compare(0, 12, "waitpid pid=") == 0 ? 1 : 0;
+        return lines;
+    };
+    EXPECT_TRUE(vexa_test::wait_until([&] { return reaped() == 2; }));
+    usleep(100 * 1000);
+    EXPECT_EQ(reaped(), 2);
     errno = 0;
     EXPECT_EQ(waitpid(pid, nullptr, WNOHANG), -1);
     EXPECT_EQ(errno, ECHILD);
-    EXPECT_TRUE(vexa_test::wait_until([&] { return r.server->exitedCount() == 0; }));
+    EXPECT_FALSE(vexa_test::log_has(r.log, "waitpid pid=" + std::to_string(own)));
+    EXPECT_EQ(waitpid(own, nullptr, 0), own) << "the host's own child was reaped by the server";
 }
 
 // The second test must not inherit the server's end of the first one's

@@ -86,29 +86,4 @@ TEST(Library, EntryPointsGetTheirArgumentsAndAreReleasedAtTeardown) {
     }
 }
 
-// With a library loaded, children are never reaped by the loop: they may be
-// the host's own.
-TEST(LibraryLoaded, LoopLeavesChildrenAlone) {
-    const pid_t child = fork();
-    if (child == 0)
-        _exit(0);
-    ASSERT_GT(child, 0);
-    {
-        vexa_test::TempDir dir;
-        vexa_test::ScopedEnv record("VEXA_TEST_SO_RECORD", dir.file("record").c_str());
-        srvtest::Running r;
-        ASSERT_NE(r.server, nullptr);
-        r.server->run_test(TEST_LIB_FULL, nullptr, nullptr);
-
-        // A connection that ends raises the count of children to reap.
-        vexa_test::FramedConn peer;
-        ASSERT_TRUE(peer.connectTo(r.port));
-        peer.close();
-        ASSERT_TRUE(vexa_test::wait_until([&] { return r.server->exitedCount() == 1; }));
-        usleep(200 * 1000);
-        EXPECT_EQ(vexa_test::line_starting(vexa_test::log_texts(r.log), "waitpid"), "");
-    }
-    EXPECT_EQ(waitpid(child, nullptr, 0), child) << "the child was reaped by the server";
-}
-
 }  // namespace

@@ -1,0 +1,183 @@
+#include "core/connection.h"
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "comm/logger.h"
+#include "core/ipc_message.h"
+
+namespace vexa {
+namespace {
+
+// The send lock keeps the names its failure messages have always had.
+constexpr char kLockSource[] = "ipcbase";
+constexpr int kLockLine = 189;
+constexpr int kUnlockLine = 206;
+
+// Writes without waiting; how much went out. `failed` when the socket refused
+// for good (not merely full).
+size_t send_now(int fd, const char* bytes, size_t len, bool* failed) {
+    size_t sent = 0;
+    while (sent < len) {
+        const ssize_t n = ::send(fd, bytes + sent, len - sent, MSG_DONTWAIT | MSG_NOSIGNAL);
+        if (n > 0) {
+            sent += static_cast<size_t>(n);
+        } else if (n < 0 && errno == EINTR) {
+            continue;
+        } else {
+            *failed = n == 0 || (errno != EAGAIN && errno != EWOULDBLOCK);
+            break;
+        }
+    }
+    return sent;
+}
+
+}  // namespace
+
+Connection::Connection(int fd, uint64_t serial)
+    : m_fd(fd), m_serial(serial), m_sendLock(comm::mutex_create()) {}
+
+Connection::~Connection() {
+    if (!m_closed.load()) {
+        ::close(m_fd);
+    }
+    comm::mutex_destroy(m_sendLock);
+}
+
+Connection::SendTurn::SendTurn(Connection& conn, int64_t deadlineMs) : m_conn(conn) {
+    if (deadlineMs == 0) {
+        // A failed lock is only reported; the send goes on, as it always has.
+        comm::mutex_lock(conn.m_sendLock, kLockSource, kLockLine);
+        m_held = true;
+        return;
+    }
+    // Only the close handshake has a deadline; it is not worth a timed lock.
+    while (!(m_held = comm::mutex_trylock(conn.m_sendLock)) && comm::monotonic_ms() < deadlineMs) {
+        comm::sleep_ms(1);
+    }
+}
+
+Connection::SendTurn::~SendTurn() {
+    if (!m_held) {
+        return;
+    }
+    m_conn.serviceHeld();
+    comm::mutex_unlock(m_conn.m_sendLock, kLockSource, kUnlockLine);
+    m_conn.afterRelease();
+}
+
+bool Connection::SendTurn::write(SocketUtil& util, comm::Logger* logger, const uint8_t* head,
+                                 const void* body, int32_t bodyLen, const StopFlag* stop,
+                                 WriteWait* wait) {
+    WriteWait own;
+    if (wait == nullptr) {
+        wait = &own;
+    }
+    // What the loop queued (an answer) was meant to go before this message.
+    std::string queued;
+    if (m_conn.m_serviceWanted.load()) {
+        std::lock_guard<std::mutex> lock(m_conn.m_stateLock);
+        queued.swap(m_conn.m_queued);
+    }
+    bool ok = queued.empty() || writeMsgToSocket(&util, m_conn.m_fd, queued.data(),
+                                                 static_cast<int32_t>(queued.size()), logger, stop,
+                                                 wait);
+    if (ok) {
+        wait->sent = 0;
+        ok = writeMsgToSocket(&util, m_conn.m_fd, head, body, bodyLen, logger, stop, wait);
+    }
+    if (!ok && wait->sent > 0) {
+        // Part of a message is on the wire: nothing after it could be read
+        // right, so the connection ends here for both sides.
+        m_conn.m_broken = true;
+        m_conn.shutDown();
+    }
+    return ok;
+}
+
+void Connection::post(const uint8_t* bytes, size_t len) {
+    {
+        std::lock_guard<std::mutex> lock(m_stateLock);
+        m_queued.append(reinterpret_cast<const char*>(bytes), len);
+        m_serviceWanted = true;
+    }
+    service();
+}
+
+void Connection::requestClose(bool abortWriter) {
+    {
+        std::lock_guard<std::mutex> lock(m_stateLock);
+        m_closing = true;
+        m_serviceWanted = true;
+        if (abortWriter && m_queued.empty() && !m_closed.load()) {
+            ::shutdown(m_fd, SHUT_RDWR);
+        }
+    }
+    service();
+}
+
+void Connection::abandon() {
+    {
+        std::lock_guard<std::mutex> lock(m_stateLock);
+        m_queued.clear();
+    }
+    requestClose(true);
+}
+
+bool Connection::service() {
+    if (!m_serviceWanted.load()) {
+        return true;
+    }
+    if (!comm::mutex_trylock(m_sendLock)) {
+        return false;  // the writer that holds it does this when it lets go
+    }
+    serviceHeld();
+    comm::mutex_unlock(m_sendLock, kLockSource, kUnlockLine);
+    return !m_serviceWanted.load();
+}
+
+void Connection::serviceHeld() {
+    if (!m_serviceWanted.load()) {
+        return;
+    }
+    std::string queued;
+    {
+        std::lock_guard<std::mutex> lock(m_stateLock);
+        queued.swap(m_queued);
+    }
+    size_t sent = 0;
+    bool failed = m_closed.load() || m_broken.load();
+    if (!queued.empty() && !failed) {
+        sent = send_now(m_fd, queued.data(), queued.size(), &failed);
+    }
+    std::lock_guard<std::mutex> lock(m_stateLock);
+    if (sent < queued.size() && !failed) {
+        m_queued.insert(0, queued, sent, std::string::npos);  // the socket is full: later
+    }
+    if (m_closing.load() && m_queued.empty() && !m_closed.load()) {
+        ::close(m_fd);
+        m_closed = true;
+    }
+    m_serviceWanted = !m_queued.empty();
+}
+
+void Connection::afterRelease() {
+    // A request made while the lock was held found it taken and left its work
+    // to the holder, who may have looked before the request came: look again.
+    // Whoever holds the lock now looks when it lets go.
+    if (m_serviceWanted.load() && comm::mutex_trylock(m_sendLock)) {
+        serviceHeld();
+        comm::mutex_unlock(m_sendLock, kLockSource, kUnlockLine);
+    }
+}
+
+void Connection::shutDown() {
+    std::lock_guard<std::mutex> lock(m_stateLock);
+    if (!m_closed.load()) {
+        ::shutdown(m_fd, SHUT_RDWR);
+    }
+}
+
+}  // namespace vexa

@@ -1,0 +1,212 @@
+#include "core/message_buffer.h"
+
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "comm/logger.h"
+#include "comm/thread_util.h"
+
+namespace vexa {
+namespace {
+
+// Room for many small messages per read; a larger message grows the buffer to
+// its own size, and an empty buffer goes back to this.
+constexpr size_t kDefaultCapacity = 64 * 1024;
+constexpr size_t kSideChunk = 64 * 1024;
+
+bool would_block(int err) {
+    return err == EAGAIN || err == EWOULDBLOCK || err == EINTR;
+}
+
+}  // namespace
+
+bool MessageBuffer::takeIn(int fd, int64_t nowMs) {
+    if (m_endState != End::kOpen || m_outSize != 0 || !makeRoom()) {
+        return false;
+    }
+    const ssize_t got = ::recv(fd, m_storage.get() + m_end, m_capacity - m_end, MSG_DONTWAIT);
+    if (got > 0) {
+        m_end += static_cast<size_t>(got);
+        m_lastByteMs = nowMs;
+        return true;
+    }
+    if (got == 0) {
+        m_endState = End::kClosed;
+    } else if (!would_block(errno)) {
+        m_endState = End::kError;
+        m_error = errno;
+    }
+    return false;
+}
+
+size_t MessageBuffer::frontSize() const {
+    if (buffered() < static_cast<size_t>(IPC_HEAD_SIZE)) {
+        return 0;
+    }
+    const int32_t len = getBigEndian32(
+        reinterpret_cast<const uint8_t*>(m_storage.get() + m_begin + kOffsetDataLen));
+    if (len < 0 || len > kMaxBodyLength) {
+        return IPC_HEAD_SIZE;  // refused as soon as the head is here
+    }
+    return static_cast<size_t>(IPC_HEAD_SIZE) + static_cast<size_t>(len);
+}
+
+bool MessageBuffer::makeRoom() {
+    size_t front = frontSize();
+    if (front == 0) {
+        front = IPC_HEAD_SIZE;
+    }
+    const size_t capacity = std::max(kDefaultCapacity, front);
+    if (m_capacity < capacity && (m_storage == nullptr || front > m_capacity)) {
+        std::unique_ptr<char[]> grown(new char[capacity + 1]);
+        if (buffered() > 0) {
+            std::memcpy(grown.get(), m_storage.get() + m_begin, buffered());
+        }
+        m_end -= m_begin;
+        m_begin = 0;
+        m_storage = std::move(grown);
+        m_capacity = capacity;
+    } else if (m_begin > 0 && (m_end == m_capacity || m_begin + front > m_capacity)) {
+        std::memmove(m_storage.get(), m_storage.get() + m_begin, buffered());
+        m_end -= m_begin;
+        m_begin = 0;
+    }
+    // Full of whole messages: nothing more is read until some are out.
+    return m_end < m_capacity;
+}
+
+bool MessageBuffer::ready() const {
+    const size_t front = frontSize();
+    if (front != 0 && buffered() >= front) {
+        return true;
+    }
+    return m_endState != End::kOpen;
+}
+
+MessageBuffer::Next MessageBuffer::next(IPCMessage* msg, comm::Logger* logger, SocketUtil& util) {
+    const size_t front = frontSize();
+    if (front == 0 || buffered() < front) {
+        return m_endState == End::kOpen ? Next::kNeedMore : fail(logger, util);
+    }
+    char* head = m_storage.get() + m_begin;
+    const auto* bytes = reinterpret_cast<const uint8_t*>(head);
+    std::memcpy(msg->dev, head + kOffsetDev, IPC_DEV_SIZE);
+    msg->test_item = getBigEndian32(bytes + kOffsetTestItem);
+    msg->event_id = getBigEndian32(bytes + kOffsetEventId);
+    msg->time_sec = getBigEndian32(bytes + kOffsetTimeSec);
+    msg->time_usec = getBigEndian32(bytes + kOffsetTimeUsec);
+    msg->data_len = getBigEndian32(bytes + kOffsetDataLen);
+    util.mysock_log_read_count(IPC_HEAD_SIZE);
+    if (msg->data_len > kMaxBodyLength) {
+        logger->writeFormat("msg too big, %d >= %d", msg->data_len, IPC_MAX_DATA_LEN);
+        m_endState = End::kRefused;
+        return Next::kFailed;
+    }
+    if (msg->data_len < 0) {
+        m_endState = End::kRefused;
+        return Next::kFailed;  // refused without a log line, as the counted reader does
+    }
+    if (msg->data_len > 0) {
+        util.mysock_log_read_count(msg->data_len);
+    }
+    // The byte behind the body may be the next message's first: it is kept
+    // and put back by done().
+    msg->data = head + IPC_HEAD_SIZE;
+    m_underNul = msg->data[msg->data_len];
+    msg->data[msg->data_len] = '\0';
+    m_outSize = front;
+    return Next::kMessage;
+}
+
+void MessageBuffer::done(int64_t nowMs) {
+    if (m_outSize == 0) {
+        return;
+    }
+    m_storage[m_begin + m_outSize] = m_underNul;
+    m_begin += m_outSize;
+    m_outSize = 0;
+    if (m_begin == m_end) {
+        m_begin = m_end = 0;
+        if (m_capacity > kDefaultCapacity) {
+            m_storage.reset();
+            m_capacity = 0;
+        }
+    } else {
+        // The rest of a message waited here while the last one was used: its
+        // silence counts from now, as a counted read would start now.
+        m_lastByteMs = nowMs;
+    }
+}
+
+bool MessageBuffer::expire(int64_t nowMs, int32_t budgetMs) {
+    if (!partial() || nowMs - m_lastByteMs <= budgetMs) {
+        return false;
+    }
+    m_endState = End::kTimeout;
+    return true;
+}
+
+MessageBuffer::Next MessageBuffer::fail(comm::Logger* logger, SocketUtil& util) {
+    // The lines a counted read of the head and then of the body gives.
+    const bool headRead = buffered() >= static_cast<size_t>(IPC_HEAD_SIZE);
+    if (headRead) {
+        util.mysock_log_read_count(IPC_HEAD_SIZE);
+    }
+    int readLen = 0;
+    errno = 0;
+    if (m_endState == End::kError) {
+        errno = m_error;
+        readLen = MYSOCK_ERR_IO;
+        util.mysock_log_read_call_failure(readLen);
+    } else if (m_endState == End::kTimeout) {
+        readLen = MYSOCK_ERR_TIMEOUT;
+        util.mysock_log_read_wait_failure(readLen);
+    }
+    logger->writeFormat(headRead ? "readMsgFromSocket read body failed. read_len=%d, error=%s"
+                                 : "readMsgFromSocket read head failed. read_len=%d, error=%s",
+                        readLen, util.mysock_strerror());
+    return Next::kFailed;
+}
+
+void MessageBuffer::Side::takeIn(int fd) {
+    const size_t old = bytes.size();
+    bytes.resize(old + std::min(kSideChunk, kMaxSideBytes - old));
+    const ssize_t got = ::recv(fd, bytes.data() + old, bytes.size() - old, MSG_DONTWAIT);
+    bytes.resize(old + (got > 0 ? static_cast<size_t>(got) : 0));
+    if (got == 0) {
+        ended = true;
+        end = End::kClosed;
+    } else if (got < 0 && !would_block(errno)) {
+        ended = true;
+        end = End::kError;
+        error = errno;
+    }
+}
+
+void MessageBuffer::mergeSide() {
+    if (m_outSize != 0 || !hasSide()) {
+        return;
+    }
+    if (!m_side.bytes.empty()) {
+        std::unique_ptr<char[]> merged(new char[buffered() + m_side.bytes.size() + 1]);
+        if (buffered() > 0) {
+            std::memcpy(merged.get(), m_storage.get() + m_begin, buffered());
+        }
+        std::memcpy(merged.get() + buffered(), m_side.bytes.data(), m_side.bytes.size());
+        m_end = buffered() + m_side.bytes.size();
+        m_begin = 0;
+        m_capacity = m_end;
+        m_storage = std::move(merged);
+        m_lastByteMs = comm::monotonic_ms();
+    }
+    if (m_side.ended && m_endState == End::kOpen) {
+        m_endState = m_side.end;
+        m_error = m_side.error;
+    }
+    m_side = Side();
+}
+
+}  // namespace vexa

@@ -1,0 +1,104 @@
+// What one connection has received: bytes taken in without ever waiting, cut
+// into whole messages.
+//
+// A reader that waited inside a message would hold its thread for as long as
+// the peer chose; this one reads only what has arrived, so one thread serves
+// many connections and can stop at once. To anyone watching, it behaves as the
+// counted reader readMsgFromSocket does on the same bytes: the same messages,
+// the same failures, the same log lines in the same order. A whole message is
+// handed out in place, followed by a NUL, until done() is called.
+//
+// Used only by the endpoint's processing thread.
+#ifndef VEXA_CORE_MESSAGE_BUFFER_H
+#define VEXA_CORE_MESSAGE_BUFFER_H
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "core/ipc_message.h"
+#include "net/socket_util.h"
+
+namespace comm {
+class Logger;
+}
+
+namespace vexa {
+
+class MessageBuffer {
+  public:
+    enum class Next {
+        kMessage,   // a whole message, see next()
+        kNeedMore,  // nothing, or part of a message
+        kFailed,    // the connection is to be dropped; logged as readMsgFromSocket would
+    };
+
+    // Bytes taken in while a callback runs wait on the side, up to this many,
+    // so that a pipelined peer is never refused while the processing thread
+    // waits to write to it.
+    static constexpr size_t kMaxSideBytes = 8u << 20;
+
+    MessageBuffer() = default;
+    MessageBuffer(const MessageBuffer&) = delete;
+    MessageBuffer& operator=(const MessageBuffer&) = delete;
+
+    // One read of what has arrived on fd, never waiting. The end of the
+    // stream or a failure is kept and reported by next() once the whole
+    // messages before it are out. True when bytes came in.
+    bool takeIn(int fd, int64_t nowMs);
+    // next() would give kMessage or kFailed without reading.
+    bool ready() const;
+    // Part of a message waits for the rest.
+    bool partial() const { return !ready() && m_end > m_begin; }
+    // The first message, if whole, into msg (data points into this buffer,
+    // NUL after the body, valid until done()); or the failure, logged.
+    Next next(IPCMessage* msg, comm::Logger* logger, SocketUtil& util);
+    // The message from next() has been used.
+    void done(int64_t nowMs);
+    // Part of a message has waited longer than budgetMs since its last byte:
+    // the read fails as a counted read whose wait ran out would.
+    bool expire(int64_t nowMs, int32_t budgetMs);
+
+    // What a writer on the processing thread reads into while it waits.
+    InputWhileWaiting* sideInput() { return &m_side; }
+    // Appends what came in on the side; called once no message is out.
+    void mergeSide();
+    bool hasSide() const { return !m_side.bytes.empty() || m_side.ended; }
+
+  private:
+    enum class End { kOpen, kClosed, kError, kTimeout, kRefused };
+
+    struct Side : InputWhileWaiting {
+        bool wantsInput() const override { return !ended && bytes.size() < kMaxSideBytes; }
+        void takeIn(int fd) override;
+        std::vector<char> bytes;
+        bool ended = false;
+        End end = End::kOpen;
+        int error = 0;
+    };
+
+    size_t buffered() const { return m_end - m_begin; }
+    // Room behind m_end, with the first message fitting whole from m_begin;
+    // false when the buffer is full of whole messages.
+    bool makeRoom();
+    // Size of the first message once its head is here (the head alone when
+    // its length is refused), 0 before.
+    size_t frontSize() const;
+    Next fail(comm::Logger* logger, SocketUtil& util);
+
+    std::unique_ptr<char[]> m_storage;  // m_capacity + 1 bytes: room for a NUL
+    size_t m_capacity = 0;
+    size_t m_begin = 0;  // first byte not yet handed out
+    size_t m_end = 0;    // one past the last byte received
+    size_t m_outSize = 0;  // size of the message handed out, 0 when none
+    char m_underNul = 0;   // the byte the NUL after that message covers
+    int64_t m_lastByteMs = 0;
+    End m_endState = End::kOpen;
+    int m_error = 0;
+    Side m_side;
+};
+
+}  // namespace vexa
+
+#endif  // VEXA_CORE_MESSAGE_BUFFER_H
