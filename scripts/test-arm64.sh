@@ -11,7 +11,8 @@ set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 source "$root/scripts/ensure-packages.sh"
 
-ensure_packages cmake ninja-build file g++-aarch64-linux-gnu qemu-user googletest
+ensure_packages cmake ninja-build file g++-aarch64-linux-gnu qemu-user googletest \
+    android-libnativehelper-dev
 
 build="$root/build-arm64"
 jobs=2

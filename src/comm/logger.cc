@@ -1,5 +1,7 @@
 #include "comm/logger.h"
 
+#include <dlfcn.h>
+
 #include <atomic>
 #include <cstdarg>
 #include <cstdlib>
@@ -17,6 +19,32 @@ namespace {
 std::atomic<bool> g_logFlush{true};
 
 constexpr int32_t kDefaultMaxSize = 10485760;
+
+// Android's log (logcat), looked up at run time so that the library needs no
+// liblog to load; null where there is none. ANDROID_LOG_INFO is 4.
+using AndroidLogWrite = int (*)(int priority, const char* tag, const char* text);
+constexpr int kAndroidLogInfo = 4;
+
+AndroidLogWrite android_log_write() {
+    static const AndroidLogWrite write = []() -> AndroidLogWrite {
+        void* liblog = dlopen("liblog.so", RTLD_NOW | RTLD_LOCAL);
+        return liblog == nullptr
+                   ? nullptr
+                   : reinterpret_cast<AndroidLogWrite>(dlsym(liblog, "__android_log_write"));
+    }();
+    return write;
+}
+
+// Each line goes to logcat as well with VEXA_LOGCAT set, and in place of the
+// file when the file cannot be opened (an app cannot write the fixed log
+// directory). The file's own format stays as it is.
+void write_to_android_log(const std::string& logPath, const char* text) {
+    AndroidLogWrite write = android_log_write();
+    if (write != nullptr) {
+        const std::string line = logPath.substr(logPath.rfind('/') + 1) + ": " + text;
+        write(kAndroidLogInfo, "vexatool", line.c_str());
+    }
+}
 
 Logger* create_default_logger() {
     std::string dir = get_log_path();
@@ -63,7 +91,7 @@ void Logger::open(const std::string& path, bool enabled, bool append, bool flush
     }
     // "e": the log must not be inherited by launched test programs.
     m_file = std::fopen(path.c_str(), append ? "ate" : "wte");
-    if (m_file == nullptr) {
+    if (m_file == nullptr && android_log_write() == nullptr) {
         m_enabled = false;
         return;
     }
@@ -98,6 +126,12 @@ void Logger::writeFormat(const char* format, ...) {
 // newline, as one fprintf("%s %s\n") would write it: the pieces go into the
 // stream's buffer under m_lock and reach the file together at the flush.
 void Logger::writeStamped(const char* text) {
+    if (m_file == nullptr || env_get_bool("VEXA_LOGCAT", false)) {
+        write_to_android_log(m_path, text);
+    }
+    if (m_file == nullptr) {
+        return;
+    }
     PreciseTime now{};
     get_precise_time(now);
     char stamp[kDisplayStampBufferSize + 1];

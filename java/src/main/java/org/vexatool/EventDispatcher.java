@@ -1,0 +1,43 @@
+package org.vexatool;
+
+import java.util.logging.Level;
+import java.util.logging.Logger;
+
+/**
+ * Hands one endpoint's events to its listener. {@link #dispatch} is the only Java method that
+ * native code calls; a listener's exception ends there.
+ */
+final class EventDispatcher {
+    private static final Logger LOG = Logger.getLogger("org.vexatool");
+
+    private final String endpoint;
+    private final VexaServer.Listener serverListener; // exactly one of the two is set
+    private final VexaClient.Listener clientListener;
+
+    EventDispatcher(String endpoint, VexaServer.Listener listener) {
+        this.endpoint = endpoint;
+        this.serverListener = listener;
+        this.clientListener = null;
+    }
+
+    EventDispatcher(String endpoint, VexaClient.Listener listener) {
+        this.endpoint = endpoint;
+        this.serverListener = null;
+        this.clientListener = listener;
+    }
+
+    /** Called on the endpoint's thread; the arrays are fresh for each call. */
+    void dispatch(int testItem, int eventId, byte[] dev, int sec, int usec, byte[] data) {
+        String device = Natives.fromUtf8(dev);
+        try {
+            if (serverListener != null) {
+                serverListener.onEvent(testItem, eventId, device, sec, usec, data);
+            } else {
+                clientListener.onEvent(testItem, eventId, device, sec, usec, data);
+            }
+        } catch (Throwable t) { // whatever a listener throws must not reach native code
+            LOG.log(Level.WARNING, "listener of " + endpoint + " threw on event " + eventId
+                    + " from " + device + "/" + testItem, t);
+        }
+    }
+}
