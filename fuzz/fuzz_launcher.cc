@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "fuzz_support.h"
-#include "server/test_launcher.h"
+#include "server/launcher.h"
 
 namespace {
 

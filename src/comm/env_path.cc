@@ -8,10 +8,11 @@
 #include <cstring>
 #include <vector>
 
+#include "comm/paths_and_limits.h"
+
 namespace comm {
 namespace {
 
-const char kDefaultLogPath[] = "/mnt/sdcard/vexa/";
 const size_t kExeLinkBufferSize = 260;
 
 // The variable's text, or null when it is unset or empty.
@@ -43,6 +44,15 @@ void strip_quotes(std::string& s) {
 }
 
 std::atomic<uint32_t> g_randomCounter{0};
+
+// Everything up to and including the last '/'; "" when there is none.
+std::string cut_after_last_slash(const std::string& path) {
+    // A value without a trailing slash loses its last component. Intended.
+    std::string::size_type pos = path.rfind('/');
+    if (pos == std::string::npos)
+        return std::string();
+    return path.substr(0, pos + 1);
+}
 
 }  // namespace
 
@@ -82,14 +92,6 @@ bool env_set(const char* name, const char* value) {
     return setenv(name, value, 1) == 0;
 }
 
-std::string cut_after_last_slash(const std::string& path) {
-    // A value without a trailing slash loses its last component. Intended.
-    std::string::size_type pos = path.rfind('/');
-    if (pos == std::string::npos)
-        return std::string();
-    return path.substr(0, pos + 1);
-}
-
 std::string get_exe_path() {
     const char* value = env_text("QZ_EXEPATH");
     if (value != nullptr)
@@ -119,7 +121,7 @@ std::string get_resource_path() {
 
 std::string get_log_path() {
     const char* value = env_text("QZ_LOGPATH");
-    return value == nullptr ? std::string(kDefaultLogPath) : cut_after_last_slash(value);
+    return value == nullptr ? std::string(vexa::kDefaultLogDir) : cut_after_last_slash(value);
 }
 
 int32_t random_below(int32_t n) {

@@ -19,9 +19,6 @@ double env_get_double(const char* name, double defaultValue);
 // setenv with overwrite; true on success.
 bool env_set(const char* name, const char* value);
 
-// Everything up to and including the last '/'; "" when there is none.
-std::string cut_after_last_slash(const std::string& path);
-
 std::string get_exe_path();       // QZ_EXEPATH, else the directory of /proc/self/exe
 std::string get_work_path();      // QZ_WORKPATH, else ""
 std::string get_ini_path();       // QZ_INIPATH, else get_exe_path()

@@ -18,8 +18,6 @@ namespace {
 // One switch for every logger of the process; see the header.
 std::atomic<bool> g_logFlush{true};
 
-constexpr int32_t kDefaultMaxSize = 10485760;
-
 // Android's log (logcat), looked up at run time so that the library needs no
 // liblog to load; null where there is none. ANDROID_LOG_INFO is 4.
 using AndroidLogWrite = int (*)(int priority, const char* tag, const char* text);
@@ -51,7 +49,7 @@ Logger* create_default_logger() {
     if (!is_dir_exist(dir)) {
         make_dir(dir);
     }
-    return new Logger(dir + "qzcomm.log");
+    return new Logger(dir + vexa::kCommonLogName);
 }
 
 }  // namespace
@@ -59,7 +57,7 @@ Logger* create_default_logger() {
 Logger::Logger(const std::string& path)
     : m_path(path), m_file(nullptr), m_enabled(false), m_buffer(nullptr) {
     open(path, env_get_bool("QZ_LOGPRINT", true), env_get_bool("QZ_LOGAPPEND", true),
-         env_get_bool("QZ_LOGFLUSH", true), env_get_int("QZ_LOGMAXSIZE", kDefaultMaxSize));
+         env_get_bool("QZ_LOGFLUSH", true), env_get_int("QZ_LOGMAXSIZE", vexa::kCommonLogMaxSize));
 }
 
 Logger::Logger(const std::string& path, bool enabled, bool append)
@@ -91,11 +89,13 @@ void Logger::open(const std::string& path, bool enabled, bool append, bool flush
     }
     // "e": the log must not be inherited by launched test programs.
     m_file = std::fopen(path.c_str(), append ? "ate" : "wte");
-    if (m_file == nullptr && android_log_write() == nullptr) {
+    m_toAndroidLog = (m_file == nullptr || env_get_bool("VEXA_LOGCAT", false)) &&
+                     android_log_write() != nullptr;
+    if (m_file == nullptr && !m_toAndroidLog) {
         m_enabled = false;
         return;
     }
-    m_buffer = static_cast<char*>(std::malloc(kLogBufferSize));
+    m_buffer = static_cast<char*>(std::malloc(vexa::kLogBufferSize));
     if (m_buffer == nullptr) {
         m_enabled = false;
     }
@@ -114,10 +114,10 @@ void Logger::writeFormat(const char* format, ...) {
         return;
     }
     std::lock_guard<std::mutex> guard(m_lock);
-    std::memset(m_buffer, 0, kLogBufferSize);
+    std::memset(m_buffer, 0, vexa::kLogBufferSize);
     va_list args;
     va_start(args, format);
-    std::vsnprintf(m_buffer, kLogBufferSize - 1, format, args);
+    std::vsnprintf(m_buffer, vexa::kLogBufferSize - 1, format, args);
     va_end(args);
     writeStamped(m_buffer);
 }
@@ -126,7 +126,7 @@ void Logger::writeFormat(const char* format, ...) {
 // newline, as one fprintf("%s %s\n") would write it: the pieces go into the
 // stream's buffer under m_lock and reach the file together at the flush.
 void Logger::writeStamped(const char* text) {
-    if (m_file == nullptr || env_get_bool("VEXA_LOGCAT", false)) {
+    if (m_toAndroidLog) {
         write_to_android_log(m_path, text);
     }
     if (m_file == nullptr) {
@@ -164,10 +164,10 @@ FILE* Logger::fileHandle() const {
 void comm_log(const char* format, ...) {
     // Made once, never destroyed: it serves code up to the very end of the process.
     static Logger* defaultLogger = create_default_logger();
-    char text[kLogBufferSize];
+    char text[vexa::kLogBufferSize];
     va_list args;
     va_start(args, format);
-    std::vsnprintf(text, kLogBufferSize - 1, format, args);
+    std::vsnprintf(text, vexa::kLogBufferSize - 1, format, args);
     va_end(args);
     defaultLogger->writeLine(text);
 }

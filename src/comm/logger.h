@@ -3,7 +3,8 @@
 // Each endpoint owns one Logger for its own file; code without an endpoint
 // (threads, Mutex) writes through comm_log to the process-wide default logger,
 // "qzcomm.log" in the log directory. A line is the local time with milliseconds,
-// one blank, the text and a newline. Loggers write only to their file.
+// one blank, the text and a newline. Where Android's log exists, lines also go
+// there with VEXA_LOGCAT set, and instead of a file that could not be opened.
 //
 // Thread safety: any number of threads may write through one Logger at once;
 // each line reaches the file whole. The flush switch is one flag for all
@@ -18,6 +19,7 @@
 #include <mutex>
 #include <string>
 
+#include "comm/paths_and_limits.h"
 #include "comm/time_util.h"
 
 #if defined(__GNUC__)
@@ -27,9 +29,6 @@
 #endif
 
 namespace comm {
-
-// Size of the formatting buffer; a formatted text keeps at most 5118 characters.
-constexpr int kLogBufferSize = 5120;
 
 class Logger {
   public:
@@ -46,7 +45,8 @@ class Logger {
 
     // A disabled logger touches no file. With maxSize > 0 an existing file of
     // at least that size is deleted first; the size is checked only here.
-    // A file that cannot be opened leaves the logger silent, with no report.
+    // A file that cannot be opened leaves the logger without a file, with no
+    // report (its lines then go to Android's log where there is one).
     void open(const std::string& path, bool enabled, bool append, bool flush, int32_t maxSize);
     void writeLine(const std::string& text);
     void writeFormat(const char* format, ...) VEXA_PRINTF_FORMAT(2, 3);
@@ -60,6 +60,7 @@ class Logger {
     std::string m_path;
     FILE* m_file;
     std::atomic<bool> m_enabled;  // set at open, read by every writer
+    bool m_toAndroidLog = false;  // set at open under m_lock
     char* m_buffer;               // kLogBufferSize bytes, guarded by m_lock
     DisplayStampCache m_stamps;   // guarded by m_lock
     std::mutex m_lock;

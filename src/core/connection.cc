@@ -81,9 +81,9 @@ bool Connection::SendTurn::write(SocketUtil& util, comm::Logger* logger, const u
         std::lock_guard<std::mutex> lock(m_conn.m_stateLock);
         queued.swap(m_conn.m_queued);
     }
-    bool ok = queued.empty() || writeMsgToSocket(&util, m_conn.m_fd, queued.data(),
-                                                 static_cast<int32_t>(queued.size()), logger, stop,
-                                                 wait);
+    bool ok =
+        queued.empty() || writeMsgToSocket(&util, m_conn.m_fd, queued.data(),
+                                           static_cast<int32_t>(queued.size()), logger, stop, wait);
     if (ok) {
         wait->sent = 0;
         ok = writeMsgToSocket(&util, m_conn.m_fd, head, body, bodyLen, logger, stop, wait);

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include "comm/file_util.h"
+#include "comm/paths_and_limits.h"
 #include "comm/string_util.h"
 #include "core/log_dir.h"
 
@@ -25,8 +26,8 @@ IPCBase::IPCBase(IPCCallback callback, void* user, const std::string& logFileNam
     if (!comm::is_dir_exist(dir)) {
         comm::make_dir(dir);
     }
-    const bool enabled = !comm::file_exists(dir + "ipc_notprint.txt");
-    m_traceSendRecv = comm::file_exists(dir + "ipc_sendrecv.txt");
+    const bool enabled = !comm::file_exists(dir + kSilenceMarker);
+    m_traceSendRecv = comm::file_exists(dir + kTraceMarker);
     m_logger = std::make_unique<comm::Logger>(dir + logFileName, enabled, true, flush,
                                               kEndpointLogMaxSize);
     m_logger->writeLine("++++++++++++START++++++++++++");
@@ -127,7 +128,8 @@ bool IPCBase::send(Connection& conn, const char* dev, int32_t testItem, int32_t 
     }
     // Head and body go out in one vectored write, the body straight from the
     // caller's bytes.
-    const bool written = turn.write(m_sockUtil, m_logger.get(), head, data, dataLen, &m_stop, &wait);
+    const bool written =
+        turn.write(m_sockUtil, m_logger.get(), head, data, dataLen, &m_stop, &wait);
     if (wait.input != nullptr && conn.input().hasSide()) {
         m_sideFilled.push_back(&conn);
     }

@@ -53,9 +53,6 @@ namespace vexa {
 // Both callback types have the same parameters.
 using IPCCallback = ServerCallback;
 
-// Log files are discarded at opening once they reach this size.
-constexpr int32_t kEndpointLogMaxSize = 8388608;
-
 class IPCBase {
   public:
     // logFileName is a file name only; the directory is endpoint_log_dir().

@@ -2,8 +2,11 @@
 
 #include <mutex>
 
+#include "comm/paths_and_limits.h"
+
+// The build may name another directory; see src/CMakeLists.txt.
 #ifndef VEXA_ENDPOINT_LOG_DIR
-#define VEXA_ENDPOINT_LOG_DIR "/mnt/sdcard/vexa/"
+#define VEXA_ENDPOINT_LOG_DIR kDefaultLogDir
 #endif
 
 namespace vexa {

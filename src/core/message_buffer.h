@@ -89,8 +89,8 @@ class MessageBuffer {
 
     std::unique_ptr<char[]> m_storage;  // m_capacity + 1 bytes: room for a NUL
     size_t m_capacity = 0;
-    size_t m_begin = 0;  // first byte not yet handed out
-    size_t m_end = 0;    // one past the last byte received
+    size_t m_begin = 0;    // first byte not yet handed out
+    size_t m_end = 0;      // one past the last byte received
     size_t m_outSize = 0;  // size of the message handed out, 0 when none
     char m_underNul = 0;   // the byte the NUL after that message covers
     int64_t m_lastByteMs = 0;

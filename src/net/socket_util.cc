@@ -21,7 +21,6 @@ namespace vexa {
 namespace {
 
 constexpr int kSliceMs = 1000;
-constexpr int kErrorTextSize = 200;
 
 // strerror_r comes in an XSI form (int result) and a GNU form (char* result);
 // these two overloads take whichever the C library declares.
@@ -177,7 +176,8 @@ int SocketUtil::waitWritable(int fd, const StopFlag* stop, WriteWait* wait) {
     InputWhileWaiting* input = wait != nullptr ? wait->input : nullptr;
     const int64_t deadline = wait != nullptr ? wait->deadlineMs : 0;
     // The budget in whole one-second slices, as mysock_select counts it.
-    const int64_t budgetEnd = comm::monotonic_ms() + int64_t{slice_count(m_writeTimeoutMs)} * kSliceMs;
+    const int64_t budgetEnd =
+        comm::monotonic_ms() + int64_t{slice_count(m_writeTimeoutMs)} * kSliceMs;
     for (;;) {
         const int64_t now = comm::monotonic_ms();
         int64_t sliceMs = kSliceMs;

@@ -13,6 +13,8 @@
 #include <atomic>
 #include <cstdint>
 
+#include "comm/paths_and_limits.h"
+
 namespace comm {
 class Logger;
 }
@@ -52,12 +54,6 @@ struct WriteWait {
     InputWhileWaiting* input = nullptr;  // null: wait for room only
     size_t sent = 0;                     // out: bytes that went out, also on failure
 };
-
-// Default budget of each wait in mysock_readn / mysock_writen.
-constexpr int32_t kDefaultIoTimeoutMs = 30000;
-// Socket buffer sizes every endpoint asks for.
-constexpr int32_t kSendBufferSize = 262144;
-constexpr int32_t kRecvBufferSize = 524288;
 
 class SocketUtil {
   public:

@@ -17,8 +17,8 @@
 
 #include "comm/string_util.h"
 #include "core/server_address.h"
-#include "server/test_launcher.h"
-#include "server/test_library.h"
+#include "server/launcher.h"
+#include "server/so_loader.h"
 
 namespace vexa {
 namespace {
@@ -65,6 +65,10 @@ IPCServer::IPCServer(const std::string& servPath, ServerCallback callback, void*
     m_suPreCmd = "";
 }
 
+comm::MutexGuard IPCServer::lockClients(int line) {
+    return comm::MutexGuard(m_clientLock.get(), kSource, line, line);
+}
+
 IPCServer::~IPCServer() {
     m_logger->writeLine("ipcserver free start");
     // No thread runs any more: stop() joined both, or start() never ran.
@@ -81,12 +85,12 @@ IPCServer::~IPCServer() {
     if (m_epoll != -1) {
         ::close(m_epoll);
     }
-    if (TestLibrary::m_hDllLib != nullptr) {
+    if (SoLoader::m_hDllLib != nullptr) {
         m_logger->writeLine("waiting release_so_client...");
-        TestLibrary::release_test_so_client(m_logger.get());
+        SoLoader::release_test_so_client(m_logger.get());
         m_logger->writeLine("release_so_client stopped");
         m_logger->writeLine("m_hDllLib free start");
-        TestLibrary::close();
+        SoLoader::close();
     }
     m_clientLock.reset();
     m_logger->writeLine("ipcserver free end");
@@ -170,6 +174,7 @@ void IPCServer::acceptLoop() {
         m_logger->writeFormat("accept ok client_socket=%d", fd);
         auto conn = std::make_shared<Connection>(fd, ++m_nextSerial);
         {
+            // The append's lock failures name the lines they always have.
             comm::MutexGuard guard(m_clientLock.get(), kSource, 210, 212);
             m_sockets.push_back(conn);
         }
@@ -198,7 +203,7 @@ void IPCServer::onStop() {
 }
 
 size_t IPCServer::clientCount() {
-    comm::MutexGuard guard(m_clientLock.get(), kSource, 300, 302);
+    const comm::MutexGuard guard = lockClients(__LINE__);
     return m_clients.size();
 }
 
@@ -255,7 +260,7 @@ void IPCServer::reapChildren() {
     }
     // Only the programs this server started, so that the host's own children
     // are left to the host.
-    comm::MutexGuard guard(m_clientLock.get(), kSource, 320, 340);
+    const comm::MutexGuard guard = lockClients(__LINE__);
     for (auto child = m_children.begin(); child != m_children.end();) {
         const pid_t pid = waitpid(*child, nullptr, WNOHANG);
         if (pid == 0) {
@@ -343,7 +348,7 @@ void IPCServer::handleMessage(Connection* conn, const IPCMessage& msg) {
     }
     bool known = false;
     {
-        comm::MutexGuard guard(m_clientLock.get(), kSource, 360, 362);
+        const comm::MutexGuard guard = lockClients(__LINE__);
         known = m_clients.count(m_key) != 0;
     }
     if (!known) {
@@ -357,8 +362,7 @@ void IPCServer::handleMessage(Connection* conn, const IPCMessage& msg) {
         m_logger->writeFormat("recv dev=%s test_item=%d event_id=%d data_len=%d", dev,
                               msg.test_item, msg.event_id, msg.data_len);
     }
-    callBack(msg.test_item, msg.event_id, dev, msg.time_sec, msg.time_usec, msg.data,
-             msg.data_len);
+    callBack(msg.test_item, msg.event_id, dev, msg.time_sec, msg.time_usec, msg.data, msg.data_len);
     if (tracing()) {
         m_logger->writeLine("call finish");
     }
@@ -377,7 +381,7 @@ void IPCServer::registerClient(Connection* conn, const IPCMessage& msg, const st
     ItemClient previous;
     bool replaced = false;
     {
-        comm::MutexGuard guard(m_clientLock.get(), kSource, 375, 380);
+        const comm::MutexGuard guard = lockClients(__LINE__);
         auto found = m_clients.find(key);
         if (found != m_clients.end()) {
             previous = found->second;
@@ -397,7 +401,7 @@ void IPCServer::registerClient(Connection* conn, const IPCMessage& msg, const st
         m_logger->writeFormat("overwrite. remove socket=%d", previous.socket);
     }
     {
-        comm::MutexGuard guard(m_clientLock.get(), kSource, 390, 392);
+        const comm::MutexGuard guard = lockClients(__LINE__);
         m_clients[key] = item;
     }
     m_logger->writeFormat("CLIENT_IPC_CONFIG %s", item_client_text(item).c_str());
@@ -409,7 +413,7 @@ void IPCServer::handleExit(Connection* conn, const IPCMessage& msg, const std::s
                           msg.test_item, msg.event_id, msg.data_len);
     ConnectionPtr target;
     {
-        comm::MutexGuard guard(m_clientLock.get(), kSource, 400, 402);
+        const comm::MutexGuard guard = lockClients(__LINE__);
         auto found = m_clients.find(key);
         if (found != m_clients.end()) {
             found->second.closing = true;
@@ -433,7 +437,7 @@ void IPCServer::handleBrokenConnection(Connection* conn) {
     endConnection(ended, true, false);
     std::vector<ItemClient> items;
     {
-        comm::MutexGuard guard(m_clientLock.get(), kSource, 420, 422);
+        const comm::MutexGuard guard = lockClients(__LINE__);
         for (const auto& entry : m_clients) {
             if (entry.second.conn == ended) {
                 items.push_back(entry.second);
@@ -526,20 +530,22 @@ void IPCServer::expireStalled(int64_t nowMs) {
 void IPCServer::removeConnections() {
     for (const Removal& removal : m_removeList) {
         std::vector<ItemClient> rest;
-        comm::mutex_lock(m_clientLock.get(), kSource, 383);
-        auto listed = std::find(m_sockets.begin(), m_sockets.end(), removal.conn);
-        if (listed != m_sockets.end()) {
-            m_sockets.erase(listed);
-        }
-        for (auto entry = m_clients.begin(); entry != m_clients.end();) {
-            if (entry->second.conn == removal.conn) {
-                rest.push_back(entry->second);
-                entry = m_clients.erase(entry);
-            } else {
-                ++entry;
+        {
+            // The lines of the removal's lock failures stay those they have always named.
+            comm::MutexGuard guard(m_clientLock.get(), kSource, 383, 403);
+            auto listed = std::find(m_sockets.begin(), m_sockets.end(), removal.conn);
+            if (listed != m_sockets.end()) {
+                m_sockets.erase(listed);
+            }
+            for (auto entry = m_clients.begin(); entry != m_clients.end();) {
+                if (entry->second.conn == removal.conn) {
+                    rest.push_back(entry->second);
+                    entry = m_clients.erase(entry);
+                } else {
+                    ++entry;
+                }
             }
         }
-        comm::mutex_unlock(m_clientLock.get(), kSource, 403);
         // Raised for every removed socket, with or without a child behind it.
         ++m_exitedCount;
         // No pointer to it may outlive the list's.
@@ -563,7 +569,7 @@ bool IPCServer::send_command(const std::string& dev, int32_t testItem, int32_t e
                              const void* data, int32_t dataLen) {
     ConnectionPtr conn;
     {
-        comm::MutexGuard guard(m_clientLock.get(), kSource, 460, 462);
+        const comm::MutexGuard guard = lockClients(__LINE__);
         auto entry = m_clients.find(make_client_key(dev, testItem));
         if (entry != m_clients.end()) {
             conn = entry->second.conn;
@@ -592,7 +598,7 @@ void IPCServer::set_su_file_path(const char* suFilePath, const char* suPreCmd) {
     }
     const char* preCmd = suPreCmd != nullptr ? suPreCmd : "";
     m_logger->writeFormat("set su_file_path:%s su_pre_cmd:%s", suFilePath, preCmd);
-    comm::MutexGuard guard(m_clientLock.get(), kSource, 480, 482);
+    const comm::MutexGuard guard = lockClients(__LINE__);
     m_suFilePath = suFilePath;
     m_suPreCmd = preCmd;
 }
@@ -602,7 +608,7 @@ int IPCServer::run_test(const char* testPath, const char* dValue, const char* ex
     std::string suFilePath;
     std::string suPreCmd;
     {
-        comm::MutexGuard guard(m_clientLock.get(), kSource, 490, 492);
+        const comm::MutexGuard guard = lockClients(__LINE__);
         suFilePath = m_suFilePath;
         suPreCmd = m_suPreCmd;
     }
@@ -611,14 +617,14 @@ int IPCServer::run_test(const char* testPath, const char* dValue, const char* ex
 
     if (comm::ends_with(path, ".so")) {
         m_testSoLoaded = true;
-        TestLibrary::load_test_so(path, dValue, extraArgs, m_servPath, m_logger.get());
+        SoLoader::load_test_so(path, dValue, extraArgs, m_servPath, m_logger.get());
         return 1;
     }
     // A failed fork or exec is not reported: the test proves itself by registering.
-    const int pid = spawn_test_process(plan_launch(path, cmdArgs, suFilePath, suPreCmd),
-                                       m_listenSocket);
+    const int pid =
+        spawn_test_process(plan_launch(path, cmdArgs, suFilePath, suPreCmd), m_listenSocket);
     if (pid > 0) {
-        comm::MutexGuard guard(m_clientLock.get(), kSource, 495, 497);
+        const comm::MutexGuard guard = lockClients(__LINE__);
         m_children.push_back(pid);
         m_childCount = m_children.size();
     }

@@ -75,6 +75,8 @@ class IPCServer : public IPCBase {
         int64_t giveUpMs;
     };
 
+    // The client lock for one scope; failures name the caller's line.
+    comm::MutexGuard lockClients(int line);
     static void acceptThread(void* self);
     void acceptLoop();
     void reapChildren();
@@ -108,7 +110,7 @@ class IPCServer : public IPCBase {
     std::atomic<int> m_exitedCount{0};
     std::atomic<uint32_t> m_lastRunTestMs{0};
     int m_listenSocket = -1;
-    int m_epoll = -1;  // the client sockets; changed by the accept thread and the loop
+    int m_epoll = -1;           // the client sockets; changed by the accept thread and the loop
     uint64_t m_nextSerial = 0;  // accept thread only
 
     std::unique_ptr<comm::Mutex, MutexDeleter> m_clientLock;

@@ -1,8 +1,8 @@
 // Tests delivered as shared objects: loaded into the host's own process, their
 // run_test_so(serv_path, d_value, extra_args) called once, and their
 // release_test_so() called when the server is destroyed.
-#ifndef VEXA_SERVER_TEST_LIBRARY_H
-#define VEXA_SERVER_TEST_LIBRARY_H
+#ifndef VEXA_SERVER_SO_LOADER_H
+#define VEXA_SERVER_SO_LOADER_H
 
 #include <atomic>
 #include <string>
@@ -13,7 +13,7 @@ class Logger;
 
 namespace vexa {
 
-class TestLibrary {
+class SoLoader {
   public:
     // The one loaded test library of the process, null when none. Loading a
     // second one overwrites the slot without closing the first.
@@ -31,4 +31,4 @@ class TestLibrary {
 
 }  // namespace vexa
 
-#endif  // VEXA_SERVER_TEST_LIBRARY_H
+#endif  // VEXA_SERVER_SO_LOADER_H

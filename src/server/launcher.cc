@@ -1,4 +1,4 @@
-#include "server/test_launcher.h"
+#include "server/launcher.h"
 
 #include <unistd.h>
 

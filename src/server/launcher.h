@@ -1,7 +1,7 @@
 // Turns a test path and the server's settings into the program and argument
 // vector a test process is started with, and starts it.
-#ifndef VEXA_SERVER_TEST_LAUNCHER_H
-#define VEXA_SERVER_TEST_LAUNCHER_H
+#ifndef VEXA_SERVER_LAUNCHER_H
+#define VEXA_SERVER_LAUNCHER_H
 
 #include <string>
 #include <vector>
@@ -32,4 +32,4 @@ int spawn_test_process(const LaunchPlan& plan, int closeInChild);
 
 }  // namespace vexa
 
-#endif  // VEXA_SERVER_TEST_LAUNCHER_H
+#endif  // VEXA_SERVER_LAUNCHER_H

@@ -1,4 +1,4 @@
-#include "server/test_library.h"
+#include "server/so_loader.h"
 
 #include <dlfcn.h>
 #include <unistd.h>
@@ -13,9 +13,9 @@ using ReleaseTestSo = void (*)();
 
 }  // namespace
 
-std::atomic<void*> TestLibrary::m_hDllLib{nullptr};
+std::atomic<void*> SoLoader::m_hDllLib{nullptr};
 
-void TestLibrary::load_test_so(const std::string& path, const char* dValue, const char* extraArgs,
+void SoLoader::load_test_so(const std::string& path, const char* dValue, const char* extraArgs,
                                const std::string& servPath, comm::Logger* logger) {
     // A file path makes this fail and leaves the working directory alone;
     // the call is kept because a library directory may depend on it.
@@ -40,7 +40,7 @@ void TestLibrary::load_test_so(const std::string& path, const char* dValue, cons
     runTest(servPath.c_str(), dValue, extraArgs);
 }
 
-void TestLibrary::release_test_so_client(comm::Logger* logger) {
+void SoLoader::release_test_so_client(comm::Logger* logger) {
     void* handle = m_hDllLib;
     auto release = handle != nullptr
                        ? reinterpret_cast<ReleaseTestSo>(dlsym(handle, "release_test_so"))
@@ -52,7 +52,7 @@ void TestLibrary::release_test_so_client(comm::Logger* logger) {
     release();
 }
 
-void TestLibrary::close() {
+void SoLoader::close() {
     void* handle = m_hDllLib.exchange(nullptr);
     if (handle != nullptr) {
         dlclose(handle);

@@ -1,6 +1,6 @@
 // Tests delivered as shared objects: loading, the entry point's arguments and
 // the release at the server's destruction, with their log lines.
-#include "server/test_library.h"
+#include "server/so_loader.h"
 
 #include <dlfcn.h>
 #include <sys/wait.h>
@@ -60,7 +60,7 @@ TEST(Library, EntryPointsGetTheirArgumentsAndAreReleasedAtTeardown) {
     int n = 0;
     for (const auto& c : cases) {
         SCOPED_TRACE(c.path + (c.d != nullptr ? " with texts" : " with nulls"));
-        ASSERT_EQ(vexa::TestLibrary::m_hDllLib.load(), nullptr);
+        ASSERT_EQ(vexa::SoLoader::m_hDllLib.load(), nullptr);
         const std::string record = dir.file("record" + std::to_string(n++));
         vexa_test::ScopedEnv recording("VEXA_TEST_SO_RECORD", record.c_str());
         srvtest::Running r;
@@ -70,7 +70,7 @@ TEST(Library, EntryPointsGetTheirArgumentsAndAreReleasedAtTeardown) {
         if (c.texts != nullptr)
             expected.push_back("run_test_so serv=" + r.address() + c.texts);
         EXPECT_EQ(vexa_test::read_lines(record), expected);
-        EXPECT_EQ(vexa::TestLibrary::m_hDllLib.load() != nullptr, c.texts != nullptr);
+        EXPECT_EQ(vexa::SoLoader::m_hDllLib.load() != nullptr, c.texts != nullptr);
         EXPECT_TRUE(r.server->testSoLoaded());
         if (!c.line.empty()) {
             EXPECT_TRUE(vexa_test::log_has(r.log, c.line));
@@ -78,7 +78,7 @@ TEST(Library, EntryPointsGetTheirArgumentsAndAreReleasedAtTeardown) {
         EXPECT_EQ(vexa_test::line_starting(vexa_test::log_texts(r.log), "run_test ok"), "");
 
         r.server.reset();
-        EXPECT_EQ(vexa::TestLibrary::m_hDllLib.load(), nullptr);
+        EXPECT_EQ(vexa::SoLoader::m_hDllLib.load(), nullptr);
         if (c.releaseCalled)
             expected.push_back("release_test_so");
         EXPECT_EQ(vexa_test::read_lines(record), expected);

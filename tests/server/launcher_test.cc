@@ -1,6 +1,6 @@
 // The test launcher: the argument vectors it builds, and what launched
 // programs really receive, end to end through IPCServer::run_test.
-#include "server/test_launcher.h"
+#include "server/launcher.h"
 
 #include <pthread.h>
 #include <signal.h>
