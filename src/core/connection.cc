@@ -36,8 +36,8 @@ size_t send_now(int fd, const char* bytes, size_t len, bool* failed) {
 
 }  // namespace
 
-Connection::Connection(int fd, uint64_t serial)
-    : m_fd(fd), m_serial(serial), m_sendLock(comm::mutex_create()) {}
+Connection::Connection(int fd, uint64_t serial, MessageBuffer::Pool* pool)
+    : m_fd(fd), m_serial(serial), m_sendLock(comm::mutex_create()), m_input(pool) {}
 
 Connection::~Connection() {
     if (!m_closed.load()) {
@@ -46,16 +46,27 @@ Connection::~Connection() {
     comm::mutex_destroy(m_sendLock);
 }
 
-Connection::SendTurn::SendTurn(Connection& conn, int64_t deadlineMs) : m_conn(conn) {
-    if (deadlineMs == 0) {
+Connection::SendTurn::SendTurn(Connection& conn, int64_t deadlineMs, InputWhileWaiting* input)
+    : m_conn(conn) {
+    if (deadlineMs == 0 && input == nullptr) {
         // A failed lock is only reported; the send goes on, as it always has.
         comm::mutex_lock(conn.m_sendLock, kLockSource, kLockLine);
         m_held = true;
         return;
     }
-    // Only the close handshake has a deadline; it is not worth a timed lock.
-    while (!(m_held = comm::mutex_trylock(conn.m_sendLock)) && comm::monotonic_ms() < deadlineMs) {
-        comm::sleep_ms(1);
+    // Only the close handshake has a deadline, and only the processing thread
+    // takes in while it waits: neither is worth more than a lock tried again
+    // every millisecond. The processing thread must not stop reading while
+    // another thread of its endpoint waits to write to a peer that waits to
+    // write to it.
+    while (!(m_held = comm::mutex_trylock(conn.m_sendLock)) &&
+           (deadlineMs == 0 || comm::monotonic_ms() < deadlineMs)) {
+        if (input != nullptr && input->wantsInput() &&
+            SocketUtil::mysock_wait_readable(conn.m_fd, 1) > 0) {
+            input->takeIn(conn.m_fd);
+        } else {
+            comm::sleep_ms(1);
+        }
     }
 }
 

@@ -31,8 +31,9 @@ namespace vexa {
 
 class Connection : public std::enable_shared_from_this<Connection> {
   public:
-    // Takes over fd. `serial` orders connections by their acceptance.
-    Connection(int fd, uint64_t serial);
+    // Takes over fd. `serial` orders connections by their acceptance; the
+    // receive buffer keeps its storage in `pool` between messages.
+    Connection(int fd, uint64_t serial, MessageBuffer::Pool* pool = nullptr);
     // Closes the descriptor if it is still open.
     ~Connection();
     Connection(const Connection&) = delete;
@@ -52,10 +53,12 @@ class Connection : public std::enable_shared_from_this<Connection> {
     MessageBuffer& input() { return m_input; }
 
     // One writer's hold on the socket for one message. Waits only for other
-    // writers of this connection (no longer than deadlineMs when it is not 0).
+    // writers of this connection (no longer than deadlineMs when it is not 0),
+    // taking in meanwhile what the peer sends when `input` is given.
     class SendTurn {
       public:
-        explicit SendTurn(Connection& conn, int64_t deadlineMs = 0);
+        explicit SendTurn(Connection& conn, int64_t deadlineMs = 0,
+                          InputWhileWaiting* input = nullptr);
         // Lets go, after carrying out a close or queued bytes left by the loop.
         ~SendTurn();
         SendTurn(const SendTurn&) = delete;

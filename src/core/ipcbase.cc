@@ -76,6 +76,11 @@ void IPCBase::stop() {
     comm::thread_join(m_processThread);
     m_processThread = nullptr;  // the join released it
     m_logger->writeLine("processThread stopped");
+    // Sends of other threads still under way use this endpoint: they end
+    // within one wait once they see the stop, and the endpoint outlives them.
+    while (m_activeSends.load() != 0) {
+        comm::sleep_ms(1);
+    }
 }
 
 namespace {
@@ -111,7 +116,14 @@ bool IPCBase::send(Connection& conn, const char* dev, int32_t testItem, int32_t 
     encodeHead(head, dev, testItem, eventId, static_cast<int32_t>(now.tv_sec),
                static_cast<int32_t>(now.tv_usec), dataLen);
 
-    Connection::SendTurn turn(conn, deadlineMs);
+    // stop() waits for sends under way, which its wake ends at once.
+    ++m_activeSends;
+    struct Finished {
+        std::atomic<int>& sends;
+        ~Finished() { --sends; }
+    } finished{m_activeSends};
+    const bool fromLoop = onProcessingThread();
+    Connection::SendTurn turn(conn, deadlineMs, fromLoop ? conn.input().sideInput() : nullptr);
     if (!turn) {
         return false;
     }
@@ -121,7 +133,8 @@ bool IPCBase::send(Connection& conn, const char* dev, int32_t testItem, int32_t 
     }
     WriteWait wait;
     wait.deadlineMs = deadlineMs;
-    if (onProcessingThread()) {
+    wait.wakeFd = m_wakeFd;
+    if (fromLoop) {
         // A callback answering its peer: if both sides wait to write, the peer's
         // bytes are taken in meanwhile, so neither waits for ever.
         wait.input = conn.input().sideInput();

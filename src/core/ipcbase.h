@@ -113,6 +113,8 @@ class IPCBase {
     // Connections whose peer's bytes a callback's send took in while it waited
     // (see send); the loop puts them back in line once the callback returned.
     std::vector<Connection*>& sideFilled() { return m_sideFilled; }
+    // Where the connections' receive buffers keep their storage.
+    MessageBuffer::Pool* bufferPool() { return &m_bufferPool; }
 
     struct MutexDeleter {
         void operator()(comm::Mutex* mutex) const { comm::mutex_destroy(mutex); }
@@ -128,8 +130,10 @@ class IPCBase {
     IPCCallback m_callback;
     void* m_user;
     StopFlag m_stop{0};
+    std::atomic<int> m_activeSends{0};  // send() calls under way, on any thread
     int m_wakeFd = -1;
     std::vector<Connection*> m_sideFilled;  // processing thread only
+    MessageBuffer::Pool m_bufferPool;       // processing thread only
     comm::ThreadHandle* m_processThread = nullptr;
     std::atomic<bool> m_running{false};
 };

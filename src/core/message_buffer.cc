@@ -17,11 +17,68 @@ constexpr size_t kDefaultCapacity = 64 * 1024;
 constexpr size_t kLargestCapacity = IPC_HEAD_SIZE + kMaxBodyLength + kDefaultCapacity;
 constexpr size_t kSideChunk = 64 * 1024;
 
+// Kept for reuse besides the largest: enough for a few busy connections.
+constexpr size_t kSmallKept = 2;
+
 bool would_block(int err) {
     return err == EAGAIN || err == EWOULDBLOCK || err == EINTR;
 }
 
 }  // namespace
+
+MessageBuffer::Pool::Storage MessageBuffer::Pool::take(size_t capacity) {
+    Storage storage;
+    if (m_large.capacity >= capacity) {
+        storage = std::move(m_large);
+        m_large = Storage();
+    } else if (!m_small.empty() && m_small.back().capacity >= capacity) {
+        storage = std::move(m_small.back());
+        m_small.pop_back();
+    } else {
+        storage.bytes.reset(new char[capacity + 1]);
+        storage.capacity = capacity;
+    }
+    return storage;
+}
+
+void MessageBuffer::Pool::give(Storage storage) {
+    if (storage.capacity > kLargestCapacity) {
+        return;  // grew while a callback waited to write: not kept
+    }
+    if (storage.capacity > kDefaultCapacity) {
+        if (storage.capacity > m_large.capacity) {
+            m_large = std::move(storage);
+        }
+    } else if (m_small.size() < kSmallKept) {
+        m_small.push_back(std::move(storage));
+    }
+}
+
+void MessageBuffer::replaceStorage(size_t capacity) {
+    Pool::Storage storage;
+    if (m_pool != nullptr) {
+        storage = m_pool->take(capacity);
+    } else {
+        storage.bytes.reset(new char[capacity + 1]);
+        storage.capacity = capacity;
+    }
+    if (buffered() > 0) {
+        std::memcpy(storage.bytes.get(), m_storage.get() + m_begin, buffered());
+    }
+    m_end -= m_begin;
+    m_begin = 0;
+    releaseStorage();
+    m_storage = std::move(storage.bytes);
+    m_capacity = storage.capacity;
+}
+
+void MessageBuffer::releaseStorage() {
+    if (m_pool != nullptr && m_storage != nullptr) {
+        m_pool->give(Pool::Storage{std::move(m_storage), m_capacity});
+    }
+    m_storage.reset();
+    m_capacity = 0;
+}
 
 bool MessageBuffer::takeIn(int fd) {
     if (m_endState != End::kOpen || m_outSize != 0 || !makeRoom()) {
@@ -62,16 +119,8 @@ bool MessageBuffer::makeRoom() {
     }
     // A message larger than the default gets room for itself and what
     // follows it, so that a stream of them keeps reading ahead.
-    const size_t capacity = front > kDefaultCapacity ? front + kDefaultCapacity : kDefaultCapacity;
     if (m_storage == nullptr || front > m_capacity) {
-        std::unique_ptr<char[]> grown(new char[capacity + 1]);
-        if (buffered() > 0) {
-            std::memcpy(grown.get(), m_storage.get() + m_begin, buffered());
-        }
-        m_end -= m_begin;
-        m_begin = 0;
-        m_storage = std::move(grown);
-        m_capacity = capacity;
+        replaceStorage(front > kDefaultCapacity ? front + kDefaultCapacity : kDefaultCapacity);
     } else if (m_begin > 0 && (m_end == m_capacity || m_begin + front > m_capacity)) {
         std::memmove(m_storage.get(), m_storage.get() + m_begin, buffered());
         m_end -= m_begin;
@@ -133,12 +182,7 @@ void MessageBuffer::done() {
     m_outSize = 0;
     if (m_begin == m_end) {
         m_begin = m_end = 0;
-        // Room for the largest message is kept for the next one; what grew
-        // beyond that while a callback waited to write is given back.
-        if (m_capacity > kLargestCapacity) {
-            m_storage.reset();
-            m_capacity = 0;
-        }
+        releaseStorage();
     } else {
         m_silenceRestarts = true;
     }

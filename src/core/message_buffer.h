@@ -28,6 +28,25 @@ namespace vexa {
 
 class MessageBuffer {
   public:
+    // Storage of receive buffers kept by an endpoint between messages: a
+    // buffer that runs empty gives its storage back and the next read takes
+    // one, so that an idle connection holds none and a busy one reuses the
+    // same room, the largest included. Used by the processing thread only.
+    class Pool {
+      public:
+        struct Storage {
+            std::unique_ptr<char[]> bytes;  // capacity + 1 bytes: room for a NUL
+            size_t capacity = 0;
+        };
+        // The largest kept, or a new one of `capacity` when none is kept.
+        Storage take(size_t capacity);
+        void give(Storage storage);
+
+      private:
+        Storage m_large;
+        std::vector<Storage> m_small;
+    };
+
     enum class Next {
         kMessage,   // a whole message, see next()
         kNeedMore,  // nothing, or part of a message
@@ -39,7 +58,8 @@ class MessageBuffer {
     // waits to write to it.
     static constexpr size_t kMaxSideBytes = 8u << 20;
 
-    MessageBuffer() = default;
+    // Without a pool, storage is allocated and freed as needed.
+    explicit MessageBuffer(Pool* pool = nullptr) : m_pool(pool) {}
     MessageBuffer(const MessageBuffer&) = delete;
     MessageBuffer& operator=(const MessageBuffer&) = delete;
 
@@ -87,6 +107,12 @@ class MessageBuffer {
     size_t frontSize() const;
     Next fail(comm::Logger* logger, SocketUtil& util);
 
+    // Swaps in storage of `capacity` (at least), keeping the bytes not yet
+    // handed out.
+    void replaceStorage(size_t capacity);
+    void releaseStorage();
+
+    Pool* m_pool;
     std::unique_ptr<char[]> m_storage;  // m_capacity + 1 bytes: room for a NUL
     size_t m_capacity = 0;
     size_t m_begin = 0;    // first byte not yet handed out

@@ -188,10 +188,16 @@ int SocketUtil::waitWritable(int fd, const StopFlag* stop, WriteWait* wait) {
             sliceMs = std::min<int64_t>(sliceMs, deadline - now);
         }
         const bool reading = input != nullptr && input->wantsInput();
-        pollfd p{fd, static_cast<short>(POLLOUT | (reading ? POLLIN : 0)), 0};
-        int rc = poll(&p, 1, static_cast<int>(sliceMs));
+        const int wakeFd = wait != nullptr ? wait->wakeFd : -1;
+        pollfd fds[2] = {{fd, static_cast<short>(POLLOUT | (reading ? POLLIN : 0)), 0},
+                         {wakeFd, POLLIN, 0}};
+        const pollfd& p = fds[0];
+        int rc = poll(fds, wakeFd >= 0 ? 2 : 1, static_cast<int>(sliceMs));
         if (rc < 0) {
             return MYSOCK_ERR_WAIT;
+        }
+        if (fds[1].revents != 0 && stop != nullptr && stop->load() != 0) {
+            return MYSOCK_ERR_STOPPED;
         }
         if (rc > 0 && (p.revents & POLLNVAL) != 0) {
             errno = EBADF;

@@ -52,7 +52,8 @@ class InputWhileWaiting {
 struct WriteWait {
     int64_t deadlineMs = 0;              // monotonic milliseconds; 0 for none
     InputWhileWaiting* input = nullptr;  // null: wait for room only
-    size_t sent = 0;                     // out: bytes that went out, also on failure
+    int wakeFd = -1;   // readable once the stop flag is set: the wait ends at once
+    size_t sent = 0;   // out: bytes that went out, also on failure
 };
 
 class SocketUtil {

@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <pthread.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <sys/wait.h>
@@ -85,6 +86,12 @@ IPCServer::~IPCServer() {
     if (m_epoll != -1) {
         ::close(m_epoll);
     }
+    if (m_acceptWake != -1) {
+        ::close(m_acceptWake);
+    }
+    if (m_kickFd != -1) {
+        ::close(m_kickFd);
+    }
     if (SoLoader::m_hDllLib != nullptr) {
         m_logger->writeLine("waiting release_so_client...");
         SoLoader::release_test_so_client(m_logger.get());
@@ -145,12 +152,20 @@ int IPCServer::setupSocket() {
         wake.data.ptr = nullptr;  // no connection: stop() was called
         epoll_ctl(m_epoll, EPOLL_CTL_ADD, wakeFd(), &wake);
     }
+    m_kickFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (m_kickFd >= 0) {
+        epoll_event kick{};
+        kick.events = EPOLLIN;
+        kick.data.ptr = this;  // no connection: a host thread wants a look
+        epoll_ctl(m_epoll, EPOLL_CTL_ADD, m_kickFd, &kick);
+    }
     m_events.resize(kEventsPerPass);
     return rc;
 }
 
 void IPCServer::onStart() {
     m_acceptStop = false;
+    m_acceptWake = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     m_acceptThread = comm::thread_create(&IPCServer::acceptThread, this);
 }
 
@@ -162,7 +177,9 @@ void IPCServer::acceptLoop() {
     m_acceptRunning = true;
     m_logger->writeLine("accept_thread...");
     while (!m_acceptStop) {
-        if (SocketUtil::mysock_wait_readable(m_listenSocket, kAcceptWaitMs) <= 0) {
+        // Without a time limit when onStop() can wake it.
+        if (SocketUtil::mysock_wait_readable(m_listenSocket, m_acceptWake >= 0 ? -1 : kAcceptWaitMs,
+                                             m_acceptWake) <= 0) {
             continue;
         }
         int fd = accept4(m_listenSocket, nullptr, nullptr, SOCK_CLOEXEC);
@@ -172,7 +189,7 @@ void IPCServer::acceptLoop() {
             break;
         }
         m_logger->writeFormat("accept ok client_socket=%d", fd);
-        auto conn = std::make_shared<Connection>(fd, ++m_nextSerial);
+        auto conn = std::make_shared<Connection>(fd, ++m_nextSerial, bufferPool());
         {
             // The append's lock failures name the lines they always have.
             comm::MutexGuard guard(m_clientLock.get(), kSource, 210, 212);
@@ -197,6 +214,10 @@ void IPCServer::onStop() {
         m_logger->writeFormat("warning!, has %d clients not exit", static_cast<int>(clients));
     }
     m_acceptStop = true;
+    if (m_acceptWake >= 0) {
+        const uint64_t one = 1;
+        [[maybe_unused]] const ssize_t written = ::write(m_acceptWake, &one, sizeof(one));
+    }
     m_logger->writeLine("waiting accept_thread...");
     comm::thread_join(m_acceptThread);
     m_logger->writeLine("accept_thread stopped");
@@ -222,7 +243,7 @@ bool IPCServer::processOnce() {
     if (m_readFirst && m_pending.empty()) {
         readFirst();
     }
-    int waitMs = idleWaitMs();
+    int waitMs = m_kickFd >= 0 ? idleWaitMs() : kLoopWaitMs;
     if (!m_pending.empty()) {
         waitMs = 0;
     } else if (m_childCount != 0 || !m_lingering.empty() || !m_stalled.empty()) {
@@ -289,8 +310,12 @@ void IPCServer::collectReady(int events) {
     m_ready.swap(m_pending);
     m_pending.clear();
     for (int i = 0; i < events; ++i) {
-        if (m_events[i].data.ptr != nullptr) {
-            m_ready.push_back(static_cast<Connection*>(m_events[i].data.ptr));
+        void* source = m_events[i].data.ptr;
+        if (source == this) {
+            uint64_t kicks = 0;
+            [[maybe_unused]] const ssize_t got = ::read(m_kickFd, &kicks, sizeof(kicks));
+        } else if (source != nullptr) {
+            m_ready.push_back(static_cast<Connection*>(source));
         }
     }
     // The order a pass has always had: the socket list's, oldest first.
@@ -624,9 +649,15 @@ int IPCServer::run_test(const char* testPath, const char* dValue, const char* ex
     const int pid =
         spawn_test_process(plan_launch(path, cmdArgs, suFilePath, suPreCmd), m_listenSocket);
     if (pid > 0) {
-        const comm::MutexGuard guard = lockClients(__LINE__);
-        m_children.push_back(pid);
-        m_childCount = m_children.size();
+        {
+            const comm::MutexGuard guard = lockClients(__LINE__);
+            m_children.push_back(pid);
+            m_childCount = m_children.size();
+        }
+        // The loop may be waiting without a time limit: from now on it looks
+        // for the child every few milliseconds.
+        const uint64_t one = 1;
+        [[maybe_unused]] const ssize_t written = ::write(m_kickFd, &one, sizeof(one));
     }
     m_logger->writeFormat("run_test ok, ppid=%d pthreadid=%lu", static_cast<int>(getpid()),
                           static_cast<unsigned long>(pthread_self()));

@@ -111,6 +111,8 @@ class IPCServer : public IPCBase {
     std::atomic<uint32_t> m_lastRunTestMs{0};
     int m_listenSocket = -1;
     int m_epoll = -1;           // the client sockets; changed by the accept thread and the loop
+    int m_acceptWake = -1;      // readable once onStop() wants the accept thread to end
+    int m_kickFd = -1;          // a launch asks the waiting loop to look again
     uint64_t m_nextSerial = 0;  // accept thread only
 
     std::unique_ptr<comm::Mutex, MutexDeleter> m_clientLock;
