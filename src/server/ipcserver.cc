@@ -11,7 +11,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
@@ -31,11 +30,6 @@ constexpr int kAcceptWaitMs = 5;
 constexpr int kListenBacklog = INT_MAX;
 constexpr uint32_t kKillDelayMs = 500;
 constexpr int kEventsPerPass = 64;
-// Passes served from what was already received before the sockets are asked
-// again: few enough that a busy connection cannot keep another waiting long.
-constexpr int kPassesPerWait = 64;
-// A wait shorter than this did not sleep: what it found was already there.
-constexpr std::chrono::microseconds kQuickWait{5};
 const char kSource[] = "ipcserver";
 
 // dev as received may fill all 80 bytes without a NUL.
@@ -240,28 +234,14 @@ bool IPCServer::processOnce() {
     // again every few milliseconds only while something needs watching that
     // no socket announces: children to reap, answers to finish, messages
     // that are late to complete.
-    if (m_readFirst && m_pending.empty()) {
-        readFirst();
-    }
     int waitMs = m_kickFd >= 0 ? idleWaitMs() : kLoopWaitMs;
     if (!m_pending.empty()) {
         waitMs = 0;
     } else if (m_childCount != 0 || !m_lingering.empty() || !m_stalled.empty()) {
         waitMs = kLoopWaitMs;
     }
-    // While messages are already here, the sockets are asked only every few
-    // passes: a stream of small messages then costs no system call each.
-    int events = 0;
-    if (waitMs != 0 || ++m_passesWithoutWait >= kPassesPerWait) {
-        m_passesWithoutWait = 0;
-        const auto before = std::chrono::steady_clock::now();
-        events = epoll_wait(m_epoll, m_events.data(), static_cast<int>(m_events.size()), waitMs);
-        if (waitMs != 0) {
-            // A wait that found input at once: answers come back faster than
-            // the loop goes round, so the next pass reads before it waits.
-            m_readFirst = events > 0 && std::chrono::steady_clock::now() - before < kQuickWait;
-        }
-    }
+    const int events =
+        epoll_wait(m_epoll, m_events.data(), static_cast<int>(m_events.size()), waitMs);
     if (events <= 0 && m_pending.empty()) {
         return true;
     }
@@ -295,14 +275,6 @@ void IPCServer::reapChildren() {
         child = m_children.erase(child);
     }
     m_childCount = m_children.size();
-}
-
-void IPCServer::readFirst() {
-    Connection* conn = m_lastServed;
-    m_readFirst = conn != nullptr && !conn->closing() && conn->input().takeIn(conn->fd());
-    if (m_readFirst && conn->input().ready()) {
-        m_pending.push_back(conn);
-    }
 }
 
 void IPCServer::collectReady(int events) {
@@ -346,7 +318,6 @@ void IPCServer::serveOne(Connection* conn) {
         case MessageBuffer::Next::kMessage:
             handleMessage(conn, msg);
             input.done();
-            m_lastServed = conn;
             mergeSideInput();
             break;
     }
@@ -577,9 +548,6 @@ void IPCServer::removeConnections() {
         Connection* gone = removal.conn.get();
         m_pending.erase(std::remove(m_pending.begin(), m_pending.end(), gone), m_pending.end());
         m_stalled.erase(std::remove(m_stalled.begin(), m_stalled.end(), gone), m_stalled.end());
-        if (m_lastServed == gone) {
-            m_lastServed = nullptr;
-        }
         if (removal.reportRest) {
             for (const ItemClient& item : rest) {
                 if (!item.closing) {

@@ -83,8 +83,6 @@ class IPCServer : public IPCBase {
     // Collects this pass's connections: those epoll reports and those with a
     // whole message (or an end) already received, in order of acceptance.
     void collectReady(int events);
-    // Reads the connection served last before waiting on all of them.
-    void readFirst();
     void serveOne(Connection* conn);
     void handleMessage(Connection* conn, const IPCMessage& msg);
     void registerClient(Connection* conn, const IPCMessage& msg, const std::string& key);
@@ -126,14 +124,11 @@ class IPCServer : public IPCBase {
 
     // Processing thread only, kept to avoid allocating on every pass.
     std::vector<epoll_event> m_events;
-    int m_passesWithoutWait = 0;
     std::string m_key;  // the key of the message at hand
     std::vector<Connection*> m_ready;
     // Connections of the socket list (removals take them out of these too):
     std::vector<Connection*> m_pending;  // whole message or end already received
     std::vector<Connection*> m_stalled;  // part of a message waits for the rest
-    Connection* m_lastServed = nullptr;  // whose message was delivered last
-    bool m_readFirst = false;
     std::vector<Removal> m_removeList;
     std::vector<Lingering> m_lingering;
 };
