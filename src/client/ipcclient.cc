@@ -58,7 +58,7 @@ int IPCClient::setupSocket() {
         m_logger->writeFormat("socket error=%s", m_sockUtil.mysock_strerror());
         comm::throw_failure();
     }
-    m_conn = std::make_shared<Connection>(fd, 0, bufferPool());
+    m_conn = std::make_shared<Connection>(fd, 0, bufferPool(), &m_sockUtil);
 
     m_sockUtil.mysock_prepare(fd);
 

@@ -36,8 +36,8 @@ size_t send_now(int fd, const char* bytes, size_t len, bool* failed) {
 
 }  // namespace
 
-Connection::Connection(int fd, uint64_t serial, MessageBuffer::Pool* pool)
-    : m_fd(fd), m_serial(serial), m_sendLock(comm::mutex_create()), m_input(pool) {}
+Connection::Connection(int fd, uint64_t serial, MessageBuffer::Pool* pool, SocketUtil* util)
+    : m_fd(fd), m_serial(serial), m_sendLock(comm::mutex_create()), m_util(util), m_input(pool) {}
 
 Connection::~Connection() {
     if (!m_closed.load()) {
@@ -58,7 +58,11 @@ Connection::SendTurn::SendTurn(Connection& conn, int64_t deadlineMs, InputWhileW
     // takes in while it waits: neither is worth more than a lock tried again
     // every millisecond. The processing thread must not stop reading while
     // another thread of its endpoint waits to write to a peer that waits to
-    // write to it.
+    // write to it. A connection asked to close may have its number closed by
+    // the writer that holds it: it is neither waited for nor read.
+    if (conn.closing()) {
+        return;
+    }
     while (!(m_held = comm::mutex_trylock(conn.m_sendLock)) &&
            (deadlineMs == 0 || comm::monotonic_ms() < deadlineMs)) {
         if (input != nullptr && input->wantsInput() &&
@@ -88,18 +92,22 @@ bool Connection::SendTurn::write(SocketUtil& util, comm::Logger* logger, const u
     }
     // What the loop queued (an answer) was meant to go before this message.
     std::string queued;
+    bool queueStarted = false;
     if (m_conn.m_serviceWanted.load()) {
         std::lock_guard<std::mutex> lock(m_conn.m_stateLock);
         queued.swap(m_conn.m_queued);
+        queueStarted = m_conn.m_queueStarted;
+        m_conn.m_queueStarted = false;
     }
     bool ok =
         queued.empty() || writeMsgToSocket(&util, m_conn.m_fd, queued.data(),
                                            static_cast<int32_t>(queued.size()), logger, stop, wait);
+    const bool cut = !ok && queueStarted;
     if (ok) {
         wait->sent = 0;
         ok = writeMsgToSocket(&util, m_conn.m_fd, head, body, bodyLen, logger, stop, wait);
     }
-    if (!ok && wait->sent > 0) {
+    if (!ok && (wait->sent > 0 || cut)) {
         // Part of a message is on the wire: nothing after it could be read
         // right, so the connection ends here for both sides.
         m_conn.m_broken = true;
@@ -130,9 +138,17 @@ void Connection::requestClose(bool abortWriter) {
 }
 
 void Connection::abandon() {
+    bool dropped = false;
     {
         std::lock_guard<std::mutex> lock(m_stateLock);
+        dropped = !m_queued.empty();
         m_queued.clear();
+        m_queueStarted = false;
+    }
+    if (dropped && m_util != nullptr) {
+        // As a counted write whose wait ran out would have logged it.
+        m_util->mysock_log_write_wait_failure(MYSOCK_ERR_TIMEOUT);
+        logWriteMsgFailure(m_util, MYSOCK_ERR_TIMEOUT, m_util->mysock_logger());
     }
     requestClose(true);
 }
@@ -162,10 +178,23 @@ void Connection::serviceHeld() {
     bool failed = m_closed.load() || m_broken.load();
     if (!queued.empty() && !failed) {
         sent = send_now(m_fd, queued.data(), queued.size(), &failed);
+        if (failed && m_util != nullptr) {
+            // As a counted write that failed would have logged it.
+            m_util->mysock_log_write_call_failure(-1);
+            logWriteMsgFailure(m_util, MYSOCK_ERR_IO, m_util->mysock_logger());
+        }
     }
     std::lock_guard<std::mutex> lock(m_stateLock);
+    if (failed && (sent > 0 || m_queueStarted) && !m_closed.load()) {
+        // Part of an answer is on the wire and the rest cannot follow.
+        m_broken = true;
+        ::shutdown(m_fd, SHUT_RDWR);
+    }
     if (sent < queued.size() && !failed) {
         m_queued.insert(0, queued, sent, std::string::npos);  // the socket is full: later
+        m_queueStarted = m_queueStarted || sent > 0;
+    } else {
+        m_queueStarted = false;
     }
     if (m_closing.load() && m_queued.empty() && !m_closed.load()) {
         ::close(m_fd);

@@ -32,8 +32,11 @@ namespace vexa {
 class Connection : public std::enable_shared_from_this<Connection> {
   public:
     // Takes over fd. `serial` orders connections by their acceptance; the
-    // receive buffer keeps its storage in `pool` between messages.
-    Connection(int fd, uint64_t serial, MessageBuffer::Pool* pool = nullptr);
+    // receive buffer keeps its storage in `pool` between messages; the failures
+    // of queued answers are logged through `util` (both the endpoint's, which
+    // outlives its connections' use).
+    Connection(int fd, uint64_t serial, MessageBuffer::Pool* pool = nullptr,
+               SocketUtil* util = nullptr);
     // Closes the descriptor if it is still open.
     ~Connection();
     Connection(const Connection&) = delete;
@@ -86,7 +89,8 @@ class Connection : public std::enable_shared_from_this<Connection> {
     // the socket). `abortWriter`: a writer stuck on a peer that does not read
     // is woken to fail, unless queued bytes still have to go.
     void requestClose(bool abortWriter);
-    // Never waits. Gives up on queued bytes: close as soon as possible.
+    // Never waits. Gives up on queued bytes, their write having waited a
+    // whole budget: close as soon as possible.
     void abandon();
     // Never waits: writes queued bytes as far as the socket takes them, then
     // closes if asked. True when nothing is left to do. The processing loop
@@ -106,7 +110,10 @@ class Connection : public std::enable_shared_from_this<Connection> {
     const uint64_t m_serial;
     comm::Mutex* m_sendLock;
     std::mutex m_stateLock;
+    SocketUtil* m_util;
     std::string m_queued;  // guarded by m_stateLock
+    bool m_queueStarted =
+        false;  // guarded by m_stateLock: part of m_queued's first message went out
     std::atomic<bool> m_serviceWanted{false};
     std::atomic<bool> m_closing{false};
     std::atomic<bool> m_broken{false};

@@ -70,14 +70,18 @@ bool readMsgFromSocket(SocketUtil* util, int fd, IPCMessage* msg, comm::Logger* 
     return true;
 }
 
+void logWriteMsgFailure(SocketUtil* util, int written, comm::Logger* logger) {
+    logger->writeFormat("writeMsgToSocket write msg failed. write_len=%d,error=%s", written,
+                        util->mysock_strerror());
+}
+
 namespace {
 
 bool writeResult(SocketUtil* util, int written, int32_t len, comm::Logger* logger) {
     if (written == len) {
         return true;
     }
-    logger->writeFormat("writeMsgToSocket write msg failed. write_len=%d,error=%s", written,
-                        util->mysock_strerror());
+    logWriteMsgFailure(util, written, logger);
     return false;
 }
 

@@ -60,6 +60,8 @@ int32_t getBigEndian32(const uint8_t* at);
 // false without one for a negative length.
 bool readMsgFromSocket(SocketUtil* util, int fd, IPCMessage* msg, comm::Logger* logger,
                        const StopFlag* abort);
+// The line of a failed message write: written is what the counted write gave.
+void logWriteMsgFailure(SocketUtil* util, int written, comm::Logger* logger);
 // Writes a complete message (head and body, `len` bytes) in one counted write;
 // `wait` as mysock_writev takes it.
 bool writeMsgToSocket(SocketUtil* util, int fd, const char* block, int32_t len,

@@ -125,6 +125,7 @@ bool IPCBase::send(Connection& conn, const char* dev, int32_t testItem, int32_t 
     const bool fromLoop = onProcessingThread();
     Connection::SendTurn turn(conn, deadlineMs, fromLoop ? conn.input().sideInput() : nullptr);
     if (!turn) {
+        noteSide(conn, fromLoop);
         return false;
     }
     if (m_traceSendRecv) {
@@ -143,10 +144,14 @@ bool IPCBase::send(Connection& conn, const char* dev, int32_t testItem, int32_t 
     // caller's bytes.
     const bool written =
         turn.write(m_sockUtil, m_logger.get(), head, data, dataLen, &m_stop, &wait);
-    if (wait.input != nullptr && conn.input().hasSide()) {
+    noteSide(conn, fromLoop);
+    return written;
+}
+
+void IPCBase::noteSide(Connection& conn, bool fromLoop) {
+    if (fromLoop && conn.input().hasSide()) {
         m_sideFilled.push_back(&conn);
     }
-    return written;
 }
 
 void IPCBase::post(Connection& conn, const char* dev, int32_t testItem, int32_t eventId) {

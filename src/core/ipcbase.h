@@ -126,6 +126,8 @@ class IPCBase {
 
   private:
     static void processThread(void* self);
+    // Remembers a connection whose peer's bytes a send took in on the side.
+    void noteSide(Connection& conn, bool fromLoop);
 
     IPCCallback m_callback;
     void* m_user;

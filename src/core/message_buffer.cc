@@ -42,8 +42,10 @@ MessageBuffer::Pool::Storage MessageBuffer::Pool::take(size_t capacity) {
 }
 
 void MessageBuffer::Pool::give(Storage storage) {
-    if (storage.capacity > kLargestCapacity) {
-        return;  // grew while a callback waited to write: not kept
+    // What grew beyond the largest message while a callback waited to write
+    // is not kept, nor anything smaller than a read's usual room.
+    if (storage.capacity > kLargestCapacity || storage.capacity < kDefaultCapacity) {
+        return;
     }
     if (storage.capacity > kDefaultCapacity) {
         if (storage.capacity > m_large.capacity) {
@@ -192,11 +194,13 @@ bool MessageBuffer::expire(int64_t nowMs, int32_t budgetMs) {
     if (!partial()) {
         return false;
     }
+    // Counted in whole seconds, at least one, as the counted read's waits are.
+    const int64_t budget = int64_t{std::max(budgetMs / 1000, 1)} * 1000;
     if (m_silenceRestarts) {
         m_silenceRestarts = false;
         m_lastByteMs = nowMs;
     }
-    if (nowMs - m_lastByteMs <= budgetMs) {
+    if (nowMs - m_lastByteMs <= budget) {
         return false;
     }
     m_endState = End::kTimeout;
@@ -225,9 +229,14 @@ MessageBuffer::Next MessageBuffer::fail(comm::Logger* logger, SocketUtil& util) 
     return Next::kFailed;
 }
 
+size_t MessageBuffer::Side::room() const {
+    const size_t unread = owner->buffered() + bytes.size();
+    return unread < kMaxUnreadBytes ? kMaxUnreadBytes - unread : 0;
+}
+
 void MessageBuffer::Side::takeIn(int fd) {
     const size_t old = bytes.size();
-    bytes.resize(old + std::min(kSideChunk, kMaxSideBytes - old));
+    bytes.resize(old + std::min(kSideChunk, room()));
     const ssize_t got = ::recv(fd, bytes.data() + old, bytes.size() - old, MSG_DONTWAIT);
     bytes.resize(old + (got > 0 ? static_cast<size_t>(got) : 0));
     if (got == 0) {
@@ -244,23 +253,28 @@ void MessageBuffer::mergeSide() {
     if (m_outSize != 0 || !hasSide()) {
         return;
     }
-    if (!m_side.bytes.empty()) {
-        std::unique_ptr<char[]> merged(new char[buffered() + m_side.bytes.size() + 1]);
-        if (buffered() > 0) {
-            std::memcpy(merged.get(), m_storage.get() + m_begin, buffered());
+    const size_t side = m_side.bytes.size();
+    if (side > 0) {
+        const size_t need = buffered() + side;
+        if (m_storage == nullptr || need > m_capacity) {
+            replaceStorage(std::max(need, kDefaultCapacity));
+        } else if (m_begin + need > m_capacity) {
+            std::memmove(m_storage.get(), m_storage.get() + m_begin, buffered());
+            m_end -= m_begin;
+            m_begin = 0;
         }
-        std::memcpy(merged.get() + buffered(), m_side.bytes.data(), m_side.bytes.size());
-        m_end = buffered() + m_side.bytes.size();
-        m_begin = 0;
-        m_capacity = m_end;
-        m_storage = std::move(merged);
+        std::memcpy(m_storage.get() + m_end, m_side.bytes.data(), side);
+        m_end += side;
         m_lastByteMs = comm::monotonic_ms();
     }
     if (m_side.ended && m_endState == End::kOpen) {
         m_endState = m_side.end;
         m_error = m_side.error;
     }
-    m_side = Side();
+    std::vector<char>().swap(m_side.bytes);
+    m_side.ended = false;
+    m_side.end = End::kOpen;
+    m_side.error = 0;
 }
 
 }  // namespace vexa

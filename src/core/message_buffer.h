@@ -53,13 +53,14 @@ class MessageBuffer {
         kFailed,    // the connection is to be dropped; logged as readMsgFromSocket would
     };
 
-    // Bytes taken in while a callback runs wait on the side, up to this many,
-    // so that a pipelined peer is never refused while the processing thread
-    // waits to write to it.
-    static constexpr size_t kMaxSideBytes = 8u << 20;
+    // Bytes taken in while a callback runs wait on the side, so that a
+    // pipelined peer is not refused while the processing thread waits to
+    // write to it; what a connection holds unread, side included, stays
+    // below this.
+    static constexpr size_t kMaxUnreadBytes = 8u << 20;
 
     // Without a pool, storage is allocated and freed as needed.
-    explicit MessageBuffer(Pool* pool = nullptr) : m_pool(pool) {}
+    explicit MessageBuffer(Pool* pool = nullptr) : m_pool(pool) { m_side.owner = this; }
     MessageBuffer(const MessageBuffer&) = delete;
     MessageBuffer& operator=(const MessageBuffer&) = delete;
 
@@ -90,8 +91,10 @@ class MessageBuffer {
     enum class End { kOpen, kClosed, kError, kTimeout, kRefused };
 
     struct Side : InputWhileWaiting {
-        bool wantsInput() const override { return !ended && bytes.size() < kMaxSideBytes; }
+        bool wantsInput() const override { return !ended && room() > 0; }
         void takeIn(int fd) override;
+        size_t room() const;
+        const MessageBuffer* owner = nullptr;
         std::vector<char> bytes;
         bool ended = false;
         End end = End::kOpen;

@@ -158,13 +158,12 @@ int SocketUtil::mysock_writev(int fd, const iovec* iov, int count, const StopFla
             // No room: this is where a blocking write would have waited.
             int rc = waitWritable(fd, stop, wait);
             if (rc < 0) {
-                log().writeFormat("mysock_writen mysock_select rc=%d", rc);
+                mysock_log_write_wait_failure(rc);
                 return rc;
             }
             continue;
         }
-        log().writeFormat("mysock_writen send nwritten=%d error=%s", static_cast<int>(written),
-                          mysock_strerror());
+        mysock_log_write_call_failure(static_cast<int>(written));
         if (mysock_is_retryable(err) != 0) {
             return MYSOCK_ERR_IO;
         }
@@ -247,6 +246,14 @@ int SocketUtil::mysock_readn(int fd, void* buffer, int32_t len, const StopFlag* 
     int count = len < 1 ? 0 : len - remaining;
     mysock_log_read_count(count);
     return count;
+}
+
+void SocketUtil::mysock_log_write_wait_failure(int rc) {
+    log().writeFormat("mysock_writen mysock_select rc=%d", rc);
+}
+
+void SocketUtil::mysock_log_write_call_failure(int nwritten) {
+    log().writeFormat("mysock_writen send nwritten=%d error=%s", nwritten, mysock_strerror());
 }
 
 void SocketUtil::mysock_log_read_count(int count) {

@@ -52,8 +52,8 @@ class InputWhileWaiting {
 struct WriteWait {
     int64_t deadlineMs = 0;              // monotonic milliseconds; 0 for none
     InputWhileWaiting* input = nullptr;  // null: wait for room only
-    int wakeFd = -1;   // readable once the stop flag is set: the wait ends at once
-    size_t sent = 0;   // out: bytes that went out, also on failure
+    int wakeFd = -1;  // readable once the stop flag is set: the wait ends at once
+    size_t sent = 0;  // out: bytes that went out, also on failure
 };
 
 class SocketUtil {
@@ -105,6 +105,10 @@ class SocketUtil {
     void mysock_log_read_count(int count);
     void mysock_log_read_wait_failure(int rc);
     void mysock_log_read_call_failure(int nread);
+    // mysock_writen's two failure lines, for writers that send another way.
+    void mysock_log_write_wait_failure(int rc);
+    void mysock_log_write_call_failure(int nwritten);
+    comm::Logger* mysock_logger() { return &log(); }
 
     // The pending SO_ERROR, or errno when getsockopt fails.
     static int mysock_get_so_error(int fd);

@@ -29,7 +29,6 @@ constexpr int kAcceptWaitMs = 5;
 // of connecting tests never waits for a SYN retry.
 constexpr int kListenBacklog = INT_MAX;
 constexpr uint32_t kKillDelayMs = 500;
-constexpr int kEventsPerPass = 64;
 const char kSource[] = "ipcserver";
 
 // dev as received may fill all 80 bytes without a NUL.
@@ -153,7 +152,7 @@ int IPCServer::setupSocket() {
         kick.data.ptr = this;  // no connection: a host thread wants a look
         epoll_ctl(m_epoll, EPOLL_CTL_ADD, m_kickFd, &kick);
     }
-    m_events.resize(kEventsPerPass);
+    m_events.resize(2);  // grown with the connections
     return rc;
 }
 
@@ -183,11 +182,12 @@ void IPCServer::acceptLoop() {
             break;
         }
         m_logger->writeFormat("accept ok client_socket=%d", fd);
-        auto conn = std::make_shared<Connection>(fd, ++m_nextSerial, bufferPool());
+        auto conn = std::make_shared<Connection>(fd, ++m_nextSerial, bufferPool(), &m_sockUtil);
         {
             // The append's lock failures name the lines they always have.
             comm::MutexGuard guard(m_clientLock.get(), kSource, 210, 212);
             m_sockets.push_back(conn);
+            m_connections = m_sockets.size();
         }
         // Listed first, so that the loop knows every connection it hears of.
         epoll_event interest{};
@@ -223,6 +223,7 @@ size_t IPCServer::clientCount() {
 }
 
 bool IPCServer::processOnce() {
+    m_removeList.clear();
     reapChildren();
     if (!m_lingering.empty() || !m_stalled.empty()) {
         const int64_t now = comm::monotonic_ms();
@@ -240,13 +241,18 @@ bool IPCServer::processOnce() {
     } else if (m_childCount != 0 || !m_lingering.empty() || !m_stalled.empty()) {
         waitMs = kLoopWaitMs;
     }
+    // Room for every connection at once, so that a pass serves all that are
+    // ready in the order of their acceptance, as it always has.
+    if (m_events.size() < m_connections + 2) {
+        m_events.resize(m_connections + 2);
+    }
     const int events =
         epoll_wait(m_epoll, m_events.data(), static_cast<int>(m_events.size()), waitMs);
     if (events <= 0 && m_pending.empty()) {
+        removeConnections();  // given up by serviceLingering
         return true;
     }
     collectReady(events);
-    m_removeList.clear();
     for (Connection* conn : m_ready) {
         serveOne(conn);
     }
@@ -321,15 +327,7 @@ void IPCServer::serveOne(Connection* conn) {
             mergeSideInput();
             break;
     }
-    if (conn->closing()) {
-        return;
-    }
-    if (input.ready()) {
-        m_pending.push_back(conn);
-    } else if (input.partial() &&
-               std::find(m_stalled.begin(), m_stalled.end(), conn) == m_stalled.end()) {
-        m_stalled.push_back(conn);
-    }
+    queueForNextPass(conn);
 }
 
 void IPCServer::handleMessage(Connection* conn, const IPCMessage& msg) {
@@ -392,7 +390,8 @@ void IPCServer::registerClient(Connection* conn, const IPCMessage& msg, const st
         if (!previous.conn->closing()) {
             // Pairs registered on that connection end with it; on this very
             // connection the pair just registered goes silently, as it always has.
-            endConnection(previous.conn, true, previous.conn.get() != conn);
+            endConnection(previous.conn, true, true,
+                          previous.conn.get() == conn ? key : std::string());
         }
         m_logger->writeFormat("overwrite. remove socket=%d", previous.socket);
     }
@@ -463,12 +462,13 @@ void IPCServer::reportEnd(const ItemClient& item) {
              static_cast<int32_t>(now.tv_usec), nullptr, 0);
 }
 
-void IPCServer::endConnection(const ConnectionPtr& conn, bool abortWriter, bool reportRest) {
+void IPCServer::endConnection(const ConnectionPtr& conn, bool abortWriter, bool reportRest,
+                              const std::string& silentKey) {
     // Out of the set before the number can be closed and given to another.
     epoll_ctl(m_epoll, EPOLL_CTL_DEL, conn->fd(), nullptr);
     conn->requestClose(abortWriter);
     linger(conn);
-    m_removeList.push_back(Removal{conn, reportRest});
+    m_removeList.push_back(Removal{conn, reportRest, silentKey});
 }
 
 void IPCServer::linger(const ConnectionPtr& conn) {
@@ -486,14 +486,23 @@ void IPCServer::linger(const ConnectionPtr& conn) {
 }
 
 void IPCServer::serviceLingering(int64_t nowMs) {
+    std::vector<ConnectionPtr> givenUp;
     for (auto entry = m_lingering.begin(); entry != m_lingering.end();) {
         if (entry->conn->service()) {
             entry = m_lingering.erase(entry);
         } else if (nowMs > entry->giveUpMs) {
-            entry->conn->abandon();
+            givenUp.push_back(entry->conn);
             entry = m_lingering.erase(entry);
         } else {
             ++entry;
+        }
+    }
+    for (const ConnectionPtr& conn : givenUp) {
+        // A connection still listed ends here like any other, its pairs with it.
+        const bool listed = !conn->closing();
+        conn->abandon();
+        if (listed) {
+            endConnection(conn, true, true);
         }
     }
 }
@@ -501,11 +510,22 @@ void IPCServer::serviceLingering(int64_t nowMs) {
 void IPCServer::mergeSideInput() {
     for (Connection* conn : sideFilled()) {
         conn->input().mergeSide();
-        if (!conn->closing() && conn->input().ready()) {
-            m_pending.push_back(conn);
-        }
+        queueForNextPass(conn);
     }
     sideFilled().clear();
+}
+
+void IPCServer::queueForNextPass(Connection* conn) {
+    MessageBuffer& input = conn->input();
+    if (conn->closing()) {
+        return;
+    }
+    if (input.ready()) {
+        m_pending.push_back(conn);
+    } else if (input.partial() &&
+               std::find(m_stalled.begin(), m_stalled.end(), conn) == m_stalled.end()) {
+        m_stalled.push_back(conn);
+    }
 }
 
 void IPCServer::expireStalled(int64_t nowMs) {
@@ -532,6 +552,7 @@ void IPCServer::removeConnections() {
             auto listed = std::find(m_sockets.begin(), m_sockets.end(), removal.conn);
             if (listed != m_sockets.end()) {
                 m_sockets.erase(listed);
+                m_connections = m_sockets.size();
             }
             for (auto entry = m_clients.begin(); entry != m_clients.end();) {
                 if (entry->second.conn == removal.conn) {
@@ -550,7 +571,8 @@ void IPCServer::removeConnections() {
         m_stalled.erase(std::remove(m_stalled.begin(), m_stalled.end(), gone), m_stalled.end());
         if (removal.reportRest) {
             for (const ItemClient& item : rest) {
-                if (!item.closing) {
+                if (!item.closing &&
+                    make_client_key(item.dev, item.test_item) != removal.silentKey) {
                     reportEnd(item);
                 }
             }

@@ -67,7 +67,8 @@ class IPCServer : public IPCBase {
     // table at the end of it.
     struct Removal {
         ConnectionPtr conn;
-        bool reportRest;  // pairs still registered on it are reported then
+        bool reportRest;        // pairs still registered on it are reported then,
+        std::string silentKey;  // except this one
     };
     // A closed connection that still has an answer to send.
     struct Lingering {
@@ -84,12 +85,15 @@ class IPCServer : public IPCBase {
     // whole message (or an end) already received, in order of acceptance.
     void collectReady(int events);
     void serveOne(Connection* conn);
+    // What remains of conn's input decides when the loop looks at it again.
+    void queueForNextPass(Connection* conn);
     void handleMessage(Connection* conn, const IPCMessage& msg);
     void registerClient(Connection* conn, const IPCMessage& msg, const std::string& key);
     void handleExit(Connection* conn, const IPCMessage& msg, const std::string& key);
     void handleBrokenConnection(Connection* conn);
     // Takes conn out of the epoll set and closes it (after its queued answer).
-    void endConnection(const ConnectionPtr& conn, bool abortWriter, bool reportRest);
+    void endConnection(const ConnectionPtr& conn, bool abortWriter, bool reportRest,
+                       const std::string& silentKey = std::string());
     void linger(const ConnectionPtr& conn);
     void serviceLingering(int64_t nowMs);
     // Bytes that callbacks' sends took in while waiting, back into their buffers.
@@ -115,6 +119,7 @@ class IPCServer : public IPCBase {
 
     std::unique_ptr<comm::Mutex, MutexDeleter> m_clientLock;
     std::vector<ConnectionPtr> m_sockets;         // guarded by m_clientLock, in order of acceptance
+    std::atomic<size_t> m_connections{0};         // m_sockets.size()
     std::map<std::string, ItemClient> m_clients;  // guarded by m_clientLock
     std::string m_suFilePath;                     // guarded by m_clientLock
     std::string m_suPreCmd;                       // guarded by m_clientLock

@@ -3,7 +3,6 @@
 #include <charconv>
 #include <cstdio>
 
-
 namespace vexa {
 
 std::string make_client_key(const std::string& dev, int32_t testItem) {

@@ -16,7 +16,7 @@ using ReleaseTestSo = void (*)();
 std::atomic<void*> SoLoader::m_hDllLib{nullptr};
 
 void SoLoader::load_test_so(const std::string& path, const char* dValue, const char* extraArgs,
-                               const std::string& servPath, comm::Logger* logger) {
+                            const std::string& servPath, comm::Logger* logger) {
     // A file path makes this fail and leaves the working directory alone;
     // the call is kept because a library directory may depend on it.
     if (chdir(path.c_str()) != 0) {
