@@ -33,6 +33,23 @@ void encodeHead(uint8_t* head, const char* dev, int32_t testItem, int32_t eventI
     putBigEndian32(head + kOffsetDataLen, dataLen);
 }
 
+void decodeHead(const uint8_t* head, IPCMessage* msg) {
+    std::memcpy(msg->dev, head + kOffsetDev, IPC_DEV_SIZE);
+    msg->test_item = getBigEndian32(head + kOffsetTestItem);
+    msg->event_id = getBigEndian32(head + kOffsetEventId);
+    msg->time_sec = getBigEndian32(head + kOffsetTimeSec);
+    msg->time_usec = getBigEndian32(head + kOffsetTimeUsec);
+    msg->data_len = getBigEndian32(head + kOffsetDataLen);
+}
+
+bool bodyLengthAccepted(int32_t dataLen, comm::Logger* logger) {
+    if (dataLen > kMaxBodyLength) {
+        logger->writeFormat("msg too big, %d >= %d", dataLen, IPC_MAX_DATA_LEN);
+        return false;
+    }
+    return dataLen >= 0;  // a negative length is refused without a line, by design
+}
+
 bool readMsgFromSocket(SocketUtil* util, int fd, IPCMessage* msg, comm::Logger* logger,
                        const StopFlag* abort) {
     uint8_t head[IPC_HEAD_SIZE];
@@ -42,23 +59,13 @@ bool readMsgFromSocket(SocketUtil* util, int fd, IPCMessage* msg, comm::Logger* 
                             util->mysock_strerror());
         return false;
     }
-    std::memcpy(msg->dev, head + kOffsetDev, IPC_DEV_SIZE);
-    msg->test_item = getBigEndian32(head + kOffsetTestItem);
-    msg->event_id = getBigEndian32(head + kOffsetEventId);
-    msg->time_sec = getBigEndian32(head + kOffsetTimeSec);
-    msg->time_usec = getBigEndian32(head + kOffsetTimeUsec);
-    msg->data_len = getBigEndian32(head + kOffsetDataLen);
-
+    decodeHead(head, msg);
     if (msg->data_len == 0) {
         msg->data[0] = '\0';
         return true;
     }
-    if (msg->data_len > kMaxBodyLength) {
-        logger->writeFormat("msg too big, %d >= %d", msg->data_len, IPC_MAX_DATA_LEN);
+    if (!bodyLengthAccepted(msg->data_len, logger)) {
         return false;
-    }
-    if (msg->data_len < 0) {
-        return false;  // refused without a log line, by design
     }
     got = util->mysock_readn(fd, msg->data, msg->data_len, abort);
     if (got != msg->data_len) {

@@ -49,6 +49,11 @@ struct IPCMessage {
     char* data;
 };
 
+// The head's fields into msg (dev as it came, the integers in host order).
+void decodeHead(const uint8_t* head, IPCMessage* msg);
+// Whether a received head's length is taken: 0 to 511999. Larger ones are
+// logged ("msg too big"), negative ones refused without a line, by design.
+bool bodyLengthAccepted(int32_t dataLen, comm::Logger* logger);
 // Builds a zeroed head: at most 79 bytes of dev, then the integers big-endian.
 void encodeHead(uint8_t* head, const char* dev, int32_t testItem, int32_t eventId, int32_t timeSec,
                 int32_t timeUsec, int32_t dataLen);

@@ -146,22 +146,11 @@ MessageBuffer::Next MessageBuffer::next(IPCMessage* msg, comm::Logger* logger, S
         return m_endState == End::kOpen ? Next::kNeedMore : fail(logger, util);
     }
     char* head = m_storage.get() + m_begin;
-    const auto* bytes = reinterpret_cast<const uint8_t*>(head);
-    std::memcpy(msg->dev, head + kOffsetDev, IPC_DEV_SIZE);
-    msg->test_item = getBigEndian32(bytes + kOffsetTestItem);
-    msg->event_id = getBigEndian32(bytes + kOffsetEventId);
-    msg->time_sec = getBigEndian32(bytes + kOffsetTimeSec);
-    msg->time_usec = getBigEndian32(bytes + kOffsetTimeUsec);
-    msg->data_len = getBigEndian32(bytes + kOffsetDataLen);
+    decodeHead(reinterpret_cast<const uint8_t*>(head), msg);
     util.mysock_log_read_count(IPC_HEAD_SIZE);
-    if (msg->data_len > kMaxBodyLength) {
-        logger->writeFormat("msg too big, %d >= %d", msg->data_len, IPC_MAX_DATA_LEN);
+    if (!bodyLengthAccepted(msg->data_len, logger)) {
         m_endState = End::kRefused;
         return Next::kFailed;
-    }
-    if (msg->data_len < 0) {
-        m_endState = End::kRefused;
-        return Next::kFailed;  // refused without a log line, as the counted reader does
     }
     if (msg->data_len > 0) {
         util.mysock_log_read_count(msg->data_len);
