@@ -218,26 +218,19 @@ RttResult LibraryRig::roundTripFromHostThread(int32_t size, int durationMs, size
         m_host.echoArrived = false;
         m_host.echoUse = EchoUse::kHandToWaiter;
     }
-    std::vector<double> samples;
-    samples.reserve(maxSamples);
-    const int64_t deadline = now_ns() + int64_t{durationMs} * 1000000;
     bool ok = true;
-    while (samples.size() < maxSamples) {
-        const int64_t start = now_ns();
-        ipc_send_command(m_host.server, kTestDev, kTestItem, kPing, body_bytes(), size);
-        std::unique_lock<std::mutex> guard(m_host.lock);
-        ok = m_host.changed.wait_for(guard, std::chrono::seconds(30), [this] {
-            return m_host.echoArrived;
-        }) && m_host.echoLen == size;
-        m_host.echoArrived = false;
-        guard.unlock();
-        if (!ok)
-            break;
-        const int64_t end = now_ns();
-        samples.push_back(static_cast<double>(end - start) / 1000.0);
-        if (end >= deadline)
-            break;
-    }
+    const std::vector<double> samples = time_round_trips(
+        durationMs, maxSamples,
+        [&] {
+            ipc_send_command(m_host.server, kTestDev, kTestItem, kPing, body_bytes(), size);
+            std::unique_lock<std::mutex> guard(m_host.lock);
+            const bool echoed = m_host.changed.wait_for(guard, std::chrono::seconds(30), [this] {
+                return m_host.echoArrived;
+            }) && m_host.echoLen == size;
+            m_host.echoArrived = false;
+            return echoed;
+        },
+        &ok);
     std::lock_guard<std::mutex> guard(m_host.lock);
     m_host.echoUse = EchoUse::kIgnore;
     return round_trip_result(ok, samples);
@@ -252,20 +245,14 @@ TputResult LibraryRig::oneWay(int32_t size, int durationMs, uint64_t maxMessages
     }
     void* client = m_client.load();
     const int64_t start = now_ns();
-    const int64_t deadline = start + int64_t{durationMs} * 1000000;
-    uint64_t sent = 0;
-    bool failed = false;
-    do {
-        if (!ipc_send_message(client, kData, body_bytes(), size)) {
-            failed = true;
-            break;
-        }
-        ++sent;
-    } while (sent < maxMessages && now_ns() < deadline);
+    bool ok = true;
+    uint64_t sent = send_for(
+        durationMs, maxMessages,
+        [&] { return ipc_send_message(client, kData, body_bytes(), size); }, &ok);
     ipc_send_message(client, kEnd, &sent, sizeof(sent));
     std::unique_lock<std::mutex> guard(m_host.lock);
-    if (failed || !m_host.changed.wait_for(guard, std::chrono::seconds(60),
-                                           [this] { return m_host.endSeen; })) {
+    if (!ok || !m_host.changed.wait_for(guard, std::chrono::seconds(60),
+                                        [this] { return m_host.endSeen; })) {
         return {};
     }
     const double seconds = static_cast<double>(m_host.endAt - start) / 1e9;

@@ -72,24 +72,16 @@ RttResult raw_round_trip(bool libraryBuffers, int32_t size, int durationMs, size
         }
     });
     std::vector<char> reply(static_cast<size_t>(kBiggestBody) + 1);
-    std::vector<double> samples;
-    samples.reserve(maxSamples);
-    const int64_t deadline = now_ns() + int64_t{durationMs} * 1000000;
     bool ok = true;
-    while (samples.size() < maxSamples) {
-        const int64_t start = now_ns();
-        int32_t eventId = 0;
-        int32_t len = 0;
-        if (!write_frame(host, kPing, body_bytes(), size) ||
-            !read_frame(host, &eventId, reply.data(), &len) || len != size) {
-            ok = false;
-            break;
-        }
-        const int64_t end = now_ns();
-        samples.push_back(static_cast<double>(end - start) / 1000.0);
-        if (end >= deadline)
-            break;
-    }
+    const std::vector<double> samples = time_round_trips(
+        durationMs, maxSamples,
+        [&] {
+            int32_t eventId = 0;
+            int32_t len = 0;
+            return write_frame(host, kPing, body_bytes(), size) &&
+                   read_frame(host, &eventId, reply.data(), &len) && len == size;
+        },
+        &ok);
     write_frame(host, kEnd, nullptr, 0);
     shutdown(host, SHUT_RDWR);
     echo.join();
@@ -120,16 +112,9 @@ TputResult raw_one_way(bool libraryBuffers, int32_t size, int durationMs, uint64
         }
     });
     const int64_t start = now_ns();
-    const int64_t deadline = start + int64_t{durationMs} * 1000000;
-    uint64_t sent = 0;
     bool ok = true;
-    do {
-        if (!write_frame(test, kData, body_bytes(), size)) {
-            ok = false;
-            break;
-        }
-        ++sent;
-    } while (sent < maxMessages && now_ns() < deadline);
+    uint64_t sent = send_for(
+        durationMs, maxMessages, [&] { return write_frame(test, kData, body_bytes(), size); }, &ok);
     write_frame(test, kEnd, &sent, sizeof(sent));
     receiver.join();
     close(host);

@@ -80,4 +80,39 @@ TputResult one_way_result(bool ok, uint64_t received, int32_t size, double secon
     return result;
 }
 
+std::vector<double> time_round_trips(int durationMs, size_t maxSamples,
+                                     const std::function<bool()>& exchange, bool* ok) {
+    std::vector<double> samples;
+    samples.reserve(maxSamples);
+    const int64_t deadline = now_ns() + int64_t{durationMs} * 1000000;
+    *ok = true;
+    while (samples.size() < maxSamples) {
+        const int64_t start = now_ns();
+        if (!exchange()) {
+            *ok = false;
+            break;
+        }
+        const int64_t end = now_ns();
+        samples.push_back(static_cast<double>(end - start) / 1000.0);
+        if (end >= deadline)
+            break;
+    }
+    return samples;
+}
+
+uint64_t send_for(int durationMs, uint64_t maxMessages, const std::function<bool()>& sendOne,
+                  bool* ok) {
+    const int64_t deadline = now_ns() + int64_t{durationMs} * 1000000;
+    uint64_t sent = 0;
+    *ok = true;
+    do {
+        if (!sendOne()) {
+            *ok = false;
+            break;
+        }
+        ++sent;
+    } while (sent < maxMessages && now_ns() < deadline);
+    return sent;
+}
+
 }  // namespace bench

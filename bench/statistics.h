@@ -7,6 +7,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <vector>
 
 namespace bench {
@@ -39,6 +40,15 @@ struct TputResult {
 };
 
 RttResult round_trip_result(bool ok, const std::vector<double>& samplesUs);
+// Times exchange() (one round trip; false when it went wrong) until it fails,
+// maxSamples are taken or durationMs has passed. The samples in microseconds;
+// *ok false when one failed.
+std::vector<double> time_round_trips(int durationMs, size_t maxSamples,
+                                     const std::function<bool()>& exchange, bool* ok);
+// Calls sendOne() until it fails, maxMessages went out or durationMs has
+// passed; the count sent. *ok false when one failed.
+uint64_t send_for(int durationMs, uint64_t maxMessages, const std::function<bool()>& sendOne,
+                  bool* ok);
 // `received` messages of `size` body bytes in `seconds`.
 TputResult one_way_result(bool ok, uint64_t received, int32_t size, double seconds);
 

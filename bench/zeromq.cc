@@ -83,27 +83,20 @@ RttResult zmq_round_trip(int32_t size, int durationMs, size_t maxSamples) {
                 break;
         }
     });
-    std::vector<double> samples;
-    samples.reserve(maxSamples);
-    const int64_t deadline = now_ns() + int64_t{durationMs} * 1000000;
     bool ok = true;
-    while (samples.size() < maxSamples) {
-        const int64_t start = now_ns();
-        std::vector<char> frame = zmq_frame(kPing, body_bytes(), size);
-        zmq_msg_t reply;
-        zmq_msg_init(&reply);
-        if (zmq_send(pair.connected, frame.data(), frame.size(), 0) < 0 ||
-            zmq_msg_recv(&reply, pair.connected, 0) != static_cast<int>(kHeadSize + size)) {
+    const std::vector<double> samples = time_round_trips(
+        durationMs, maxSamples,
+        [&] {
+            std::vector<char> frame = zmq_frame(kPing, body_bytes(), size);
+            zmq_msg_t reply;
+            zmq_msg_init(&reply);
+            const bool echoed =
+                zmq_send(pair.connected, frame.data(), frame.size(), 0) >= 0 &&
+                zmq_msg_recv(&reply, pair.connected, 0) == static_cast<int>(kHeadSize + size);
             zmq_msg_close(&reply);
-            ok = false;
-            break;
-        }
-        zmq_msg_close(&reply);
-        const int64_t end = now_ns();
-        samples.push_back(static_cast<double>(end - start) / 1000.0);
-        if (end >= deadline)
-            break;
-    }
+            return echoed;
+        },
+        &ok);
     std::vector<char> stop = zmq_frame(kEnd, nullptr, 0);
     if (ok) {
         zmq_send(pair.connected, stop.data(), stop.size(), 0);
@@ -141,17 +134,14 @@ TputResult zmq_one_way(int32_t size, int durationMs, uint64_t maxMessages) {
         zmq_msg_close(&msg);
     });
     const int64_t start = now_ns();
-    const int64_t deadline = start + int64_t{durationMs} * 1000000;
-    uint64_t sent = 0;
     bool ok = true;
-    do {
-        std::vector<char> frame = zmq_frame(kData, body_bytes(), size);
-        if (zmq_send(pair.connected, frame.data(), frame.size(), 0) < 0) {
-            ok = false;
-            break;
-        }
-        ++sent;
-    } while (sent < maxMessages && now_ns() < deadline);
+    uint64_t sent = send_for(
+        durationMs, maxMessages,
+        [&] {
+            std::vector<char> frame = zmq_frame(kData, body_bytes(), size);
+            return zmq_send(pair.connected, frame.data(), frame.size(), 0) >= 0;
+        },
+        &ok);
     std::vector<char> end = zmq_frame(kEnd, &sent, sizeof(sent));
     zmq_send(pair.connected, end.data(), end.size(), 0);
     receiver.join();
