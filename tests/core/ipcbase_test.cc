@@ -15,6 +15,7 @@
 #include <gtest/gtest.h>
 
 #include "comm/thread_util.h"
+#include "support/frame_reader.h"
 #include "support/framed_peer.h"
 #include "support/test_support.h"
 

@@ -17,6 +17,7 @@
 
 #include <gtest/gtest.h>
 
+#include "support/frame_reader.h"
 #include "support/framed_peer.h"
 #include "support/test_support.h"
 

@@ -15,9 +15,8 @@
 
 #include <gtest/gtest.h>
 
+#include "running_server.h"
 #include "server/ipcserver.h"
-#include "server_test_util.h"
-#include "support/test_support.h"
 
 namespace {
 
@@ -64,7 +63,7 @@ TEST(LaunchPlan, CommandLinesOfEveryPrefixForm) {
 // The emulator that runs this build's programs; empty natively.
 const std::string kDirect = VEXA_TEST_EMULATOR;
 const bool kEmulated = !kDirect.empty();
-const std::string kPeer = SERVER_TEST_PEER;
+const std::string kPeer = VEXA_PEER_PROGRAM;
 
 // The su prefix that starts `program` (through the emulator in cross builds).
 std::string prefix_running(const std::string& program) {
@@ -111,7 +110,7 @@ TEST_F(Launch, LaunchedProgramsReceiveTheirCommandLines) {
     const Words argv = recorded();
     EXPECT_EQ(tail(argv), (Words{t1, "-t", r.address(), "-d", "dev1", "a", "b c", "d"}));
     if (!kEmulated && !argv.empty()) {
-        EXPECT_EQ(argv[0], "server_test_peer");
+        EXPECT_EQ(argv[0], "vexa_peer_program");
     }
     EXPECT_FALSE(r.server->testSoLoaded());
     EXPECT_TRUE(vexa_test::log_has(
@@ -128,9 +127,9 @@ TEST_F(Launch, LaunchedProgramsReceiveTheirCommandLines) {
     // the prefix names).
     if (!kEmulated) {
         vexa_test::ScopedEnv path("PATH", kPeer.substr(0, kPeer.rfind('/')).c_str());
-        r.server->set_su_file_path("server_test_peer", "");
+        r.server->set_su_file_path("vexa_peer_program", "");
         r.server->run_test(t1.c_str(), nullptr, nullptr);
-        EXPECT_EQ(recorded(), (Words{"server_test_peer", t1, "-t", r.address()}));
+        EXPECT_EQ(recorded(), (Words{"vexa_peer_program", t1, "-t", r.address()}));
     }
 }
 
@@ -163,11 +162,11 @@ TEST_F(Launch, LaunchedProgramsAndOnlyThoseAreReaped) {
     ASSERT_GT(own, 0);
     r.server->set_su_file_path(kDirect.c_str(), "");
     r.server->run_test(TEST_LIB_FULL, nullptr, nullptr);
-    r.server->run_test(kPeer.c_str(), "zdev", "--connect --item 7 --exit");
+    r.server->run_test(kPeer.c_str(), "zdev", "--client 7 --exit");
     r.server->run_test(kPeer.c_str(), "silent", nullptr);  // never connects
 
     ASSERT_TRUE(r.events.waitFor(CLIENT_IPC_CONFIG, "zdev", 7, 1, 20000));
-    const int32_t pid = srvtest::native32(r.events.matching(CLIENT_IPC_CONFIG)[0].data);
+    const int32_t pid = vexa_test::native32(r.events.matching(CLIENT_IPC_CONFIG)[0].data);
     ASSERT_GT(pid, 0);
     EXPECT_TRUE(r.events.waitFor(CLIENT_IPC_OFFLINE, "zdev", 7));
     ASSERT_TRUE(vexa_test::wait_log(r.log, "waitpid pid=" + std::to_string(pid)));
@@ -195,12 +194,12 @@ TEST_F(Launch, LaunchedTestsSeeTheirConnectionsEndAtTeardown) {
     r.server->set_su_file_path(kDirect.c_str(), "");
     std::vector<int32_t> pids;
     for (int item = 1; item <= 2; ++item) {
-        const std::string extra = "--connect --item " + std::to_string(item) + " --eof-marker " +
+        const std::string extra = "--client " + std::to_string(item) + " --eof-marker " +
                                   dir.file("eof" + std::to_string(item)) + " --linger-ms 30000";
         r.server->run_test(kPeer.c_str(), "two", extra.c_str());
         ASSERT_TRUE(r.events.waitFor(CLIENT_IPC_CONFIG, "two", item, 1, 20000));
         pids.push_back(
-            srvtest::native32(r.events.matching(CLIENT_IPC_CONFIG, "two", item)[0].data));
+            vexa_test::native32(r.events.matching(CLIENT_IPC_CONFIG, "two", item)[0].data));
     }
 
     r.server.reset();

@@ -37,7 +37,7 @@ class CallbackLog {
     std::vector<Event> matching(int32_t eventId, const char* dev = nullptr, int32_t item = 0);
     // Waits until at least `count` calls match; false after timeoutMs.
     bool waitFor(int32_t eventId, const char* dev = nullptr, int32_t item = 0, size_t count = 1,
-                 int timeoutMs = 10000);
+                 int timeoutMs = 20000);
     // From now on, every call with this event id is recorded and then blocks
     // the endpoint's thread until release() is called once for it (or 20 s
     // pass). waitHeld waits until `count` calls have blocked in total;
