@@ -344,36 +344,4 @@ TEST_F(ClientTest, AServerStalledMidMessageIsLeftAfterTheReadBudget) {
          "readMsgFromSocket failed. server socket closed"}));
 }
 
-TEST_F(ClientTest, SendersRacingTheServersCloseEndCleanly) {
-    start("race_dev", 41);
-    constexpr int kSenders = 4;
-    const long long deadline = monotonic_ms() + 60000;
-    std::vector<std::thread> senders;
-    for (int t = 0; t < kSenders; ++t) {
-        senders.emplace_back([&, t] {
-            const std::string body(static_cast<size_t>(100 + 50 * t), static_cast<char>('a' + t));
-            while (client->send(1000 + t, body.data(), static_cast<int32_t>(body.size())) &&
-                   monotonic_ms() < deadline) {
-            }
-        });
-    }
-    // Messages from several threads never interleave on the wire.
-    for (int i = 0; i < 300; ++i) {
-        WireMsg m;
-        const int t = peer.readMsg(&m) ? m.event - 1000 : -1;
-        if (t < 0 || t >= kSenders || m.data != std::string(100 + 50 * t, 'a' + t)) {
-            ADD_FAILURE() << "message " << i << " broken or mixed: event " << m.event;
-            break;  // the senders must still be joined
-        }
-    }
-    peer.close();
-    for (std::thread& sender : senders)
-        sender.join();  // each ends once its send fails
-
-    ASSERT_TRUE(events.waitFor(CLIENT_IPC_DISCONNECTED));
-    EXPECT_EQ(events.events().back().event, CLIENT_IPC_DISCONNECTED);
-    ASSERT_TRUE(vexa_test::wait_until([&] { return !client->isRunning(); }));
-    EXPECT_FALSE(client->send(1, "x", 1));
-}
-
 }  // namespace
