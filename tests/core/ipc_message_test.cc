@@ -134,42 +134,4 @@ TEST(FrameClose, PeerClosingInsideAFrameGivesOneLineForThePartThatBroke) {
     }
 }
 
-// Moves `fd` to a number above 1024 (the limit of an fd_set); -1 when the
-// process may not have that many descriptors.
-int move_above_1024(int fd, std::string* why) {
-    const rlim_t wanted = 1600;
-    rlimit limit{};
-    getrlimit(RLIMIT_NOFILE, &limit);
-    if (limit.rlim_cur < wanted) {
-        limit.rlim_cur = wanted;
-        if (setrlimit(RLIMIT_NOFILE, &limit) != 0) {
-            *why = std::string("cannot raise the descriptor limit: ") + std::strerror(errno);
-            return -1;
-        }
-    }
-    for (int target = 1500; target < 1600; ++target) {
-        if (fcntl(target, F_GETFD) == -1 && errno == EBADF)
-            return dup2(fd, target);
-    }
-    *why = "no free descriptor between 1500 and 1600";
-    return -1;
-}
-
-TEST_F(FrameTest, DescriptorsAbove1024ReadAndWrite) {
-    std::string why;
-    const int high = move_above_1024(m_pair.b, &why);
-    if (high < 0)
-        GTEST_SKIP() << why;
-    ASSERT_GT(high, 1024);
-    // A counted write, then a whole frame read, on the high descriptor.
-    EXPECT_EQ(m_reader.util.mysock_writen(high, "xyz", 3, &m_reader.noStop), 3);
-    std::string in(3, '\0');
-    ASSERT_EQ(recv(m_pair.a, &in[0], in.size(), MSG_WAITALL), 3);
-    EXPECT_EQ(in, "xyz");
-    send(head_bytes("high", 3, 4, 0, 0, 6) + "abcdef");
-    EXPECT_TRUE(m_reader.read(high));
-    EXPECT_EQ(std::string(m_msg.data), "abcdef");
-    close(high);
-}
-
 }  // namespace
