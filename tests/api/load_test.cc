@@ -83,6 +83,7 @@ int index_of(const char* dev) {
 struct LoadHost {
     std::atomic<void*> server{nullptr};
     std::atomic<int> closed{0};
+    std::atomic<int> probes{0};
     std::mutex lock;
     long messages = 0;                // guarded by lock
     std::vector<int> next;            // guarded by lock: per client, reset for each wave
@@ -91,6 +92,10 @@ struct LoadHost {
     static int callback(void* user, int32_t item, int32_t event, const char* dev, int32_t, int32_t,
                         const char* data, int32_t len) {
         auto* self = static_cast<LoadHost*>(user);
+        if (std::strcmp(dev, "probe") == 0) {
+            self->probes += event == CLIENT_IPC_CLOSED ? 1 : 0;
+            return 0;
+        }
         const int client = index_of(dev);
         std::lock_guard<std::mutex> guard(self->lock);
         std::string wrong;
@@ -176,7 +181,13 @@ long long run_wave(LoadHost* host, const std::string& address, int wave, int cli
         << "wave " << wave;
     for (const auto& load : loads)
         EXPECT_EQ(load->error, "") << "client " << load->index << " of wave " << wave;
-    return vexa_test::monotonic_ms() - start;
+    const long long took = vexa_test::monotonic_ms() - start;
+    // The server lets go of removed connections on its next busy pass: a
+    // client that comes and goes makes one, so that memory is compared with
+    // the wave's connections gone.
+    ipc_uninit_client(ipc_init_client2(address.c_str(), nullptr, nullptr, "probe", 1, 30000));
+    EXPECT_TRUE(vexa_test::wait_until([&] { return host->probes > wave; }, kWaitMs));
+    return took;
 }
 
 // Resident and allocated KiB once the allocator has given back what it can;
@@ -184,7 +195,7 @@ long long run_wave(LoadHost* host, const std::string& address, int wave, int cli
 struct Memory {
     long rss = -1;
     long heap = -1;
-    static Memory now() {
+    static Memory read() {
         Memory m;
 #if defined(__GLIBC__) && (__GLIBC__ > 2 || (__GLIBC__ == 2 && __GLIBC_MINOR__ >= 33))
         malloc_trim(0);
@@ -196,6 +207,18 @@ struct Memory {
                 m.rss = std::atol(line.c_str() + 6);
         }
         return m;
+    }
+    // The figures are taken once they stop changing.
+    static Memory now() {
+        Memory last = read();
+        for (int i = 0; i < 40; ++i) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+            const Memory next = read();
+            if (next.heap == last.heap)
+                return next;
+            last = next;
+        }
+        return last;
     }
 };
 
