@@ -1,22 +1,24 @@
 // The one program the tests launch or start, through the test copy of the
 // library:
 //
-//   peer_program [-t ADDRESS] [-d DEV] [--client ITEM [--exit]
-//                [--eof-marker FILE] [--linger-ms MS]] [--host]
+//   peer_program [-t ADDRESS] [-d DEV] [--client ITEM [--exit]] [--host]
 //
-// With VEXA_TEST_ARGV_FILE set it first writes its pid and its arguments, one
-// per line, to that file (through a rename, so a reader never sees half).
+// With VEXA_TEST_ARGV_FILE set it first writes its pid, its arguments, one
+// per line, and "sockets N", the sockets it inherited, to that file (through
+// a rename, so a reader never sees half).
 // --client: registers as DEV / ITEM at ADDRESS and echoes every command with
-//   event + 1; on 901 it leaves in order, on 902 (or at once with --exit) it
-//   dies without a word. When the server goes, it writes FILE and lingers MS.
+//   event + 1; on 901 or when the server goes it leaves in order, on 902 (or
+//   at once with --exit) it dies without a word.
 // --host: a server at ADDRESS that echoes every message to its sender; prints
 //   "ready" once listening, then waits to be killed.
 // Otherwise it ends at once with status 0. It never outlives two minutes.
+#include <dirent.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 
 #include "vexatool.h"
@@ -50,9 +52,19 @@ int on_message(void*, int32_t item, int32_t event, const char* dev, int32_t, int
     return 0;
 }
 
-void write_marker(const std::string& path) {
-    if (FILE* out = std::fopen(path.c_str(), "w"))
-        std::fclose(out);
+int open_sockets() {
+    int count = 0;
+    if (DIR* fds = opendir("/proc/self/fd")) {
+        while (const dirent* fd = readdir(fds)) {
+            char target[64] = {};
+            const std::string link = std::string("/proc/self/fd/") + fd->d_name;
+            if (readlink(link.c_str(), target, sizeof(target) - 1) > 0 &&
+                std::strncmp(target, "socket:", 7) == 0)
+                ++count;
+        }
+        closedir(fds);
+    }
+    return count;
 }
 
 }  // namespace
@@ -65,13 +77,13 @@ int main(int argc, char** argv) {
             std::fprintf(out, "%d\n", static_cast<int>(getpid()));
             for (int i = 0; i < argc; ++i)
                 std::fprintf(out, "%s\n", argv[i]);
+            std::fprintf(out, "sockets %d\n", open_sockets());
             std::fclose(out);
             std::rename(part.c_str(), record);
         }
     }
-    std::string address, dev, mode, eofMarker;
+    std::string address, dev, mode;
     int item = 0;
-    int lingerMs = 0;
     bool exitAtOnce = false;
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
@@ -80,8 +92,6 @@ int main(int argc, char** argv) {
         dev = arg == "-d" ? next : dev;
         mode = arg == "--client" || arg == "--host" ? arg : mode;
         item = arg == "--client" ? std::atoi(next) : item;
-        eofMarker = arg == "--eof-marker" ? next : eofMarker;
-        lingerMs = arg == "--linger-ms" ? std::atoi(next) : lingerMs;
         exitAtOnce = exitAtOnce || arg == "--exit";
     }
     if (mode == "--host") {
@@ -102,11 +112,6 @@ int main(int argc, char** argv) {
         usleep(2000);
     if (exitAtOnce || g_command.load() == 902)
         _exit(0);
-    if (g_command.load() == CLIENT_IPC_DISCONNECTED) {
-        if (!eofMarker.empty())
-            write_marker(eofMarker);
-        usleep(static_cast<useconds_t>(lingerMs) * 1000);
-    }
     ipc_uninit_client(client);
     return 0;
 }
