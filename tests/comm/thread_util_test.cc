@@ -26,7 +26,7 @@ TEST(Mutex, GuardSerialisesThreadsAndANullMutexFailsSilently) {
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t) {
         threads.emplace_back([&] {
-            for (int i = 0; i < 2000; ++i) {
+            for (int i = 0; i < 200; ++i) {
                 comm::MutexGuard guard(mutex, "test", 10, 11);
                 overlaps += inside++ != 0 ? 1 : 0;
                 std::this_thread::yield();

@@ -11,6 +11,8 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <condition_variable>
+#include <mutex>
 #include <set>
 #include <string>
 #include <thread>
@@ -387,6 +389,68 @@ TEST(ServerExit, ExitIsAnsweredOnceAndTeardownCutsOffTheRest) {
     EXPECT_TRUE(log_has(r.log, "warning!, has 1 clients not exit"));
     EXPECT_TRUE(stays.waitEof());
     EXPECT_EQ(r.events.events().size(), 3u);  // two registrations and one 9005
+}
+
+// An old instance of a test dies while a new instance registers the same
+// pair, both seen in one pass; meanwhile the socket number of the dead
+// connection is reused by a third connection. Only the dead one may be closed.
+TEST(ServerExit, ReplacingADeadConnectionLeavesItsReusedNumberAlone) {
+    Running r;
+    ASSERT_NE(r.server, nullptr);
+    // The callback of 700, then of 9006, stalls the loop inside its pass until let go.
+    std::mutex lock;
+    std::condition_variable changed;
+    int stalls = 0;
+    int letGo = 0;
+    r.events.onEvent([&](const Event& e) {
+        if (e.event != 700 && e.event != CLIENT_IPC_OFFLINE)
+            return;
+        std::unique_lock<std::mutex> guard(lock);
+        const int ticket = ++stalls;
+        changed.notify_all();
+        changed.wait_for(guard, std::chrono::seconds(20), [&] { return letGo >= ticket; });
+    });
+    const auto stalled = [&](int n) {
+        std::unique_lock<std::mutex> guard(lock);
+        return changed.wait_for(guard, std::chrono::seconds(10), [&] { return stalls >= n; });
+    };
+    const auto release = [&](int n) {
+        std::lock_guard<std::mutex> guard(lock);
+        letGo = n;
+        changed.notify_all();
+    };
+    FramedConn old;
+    FramedConn fresh;
+    FramedConn pacer;
+    FramedConn later;
+    ASSERT_TRUE(r.join(old, "phone", 1));
+    const int oldFd = r.acceptedSocket(0);
+    ASSERT_TRUE(fresh.connectTo(r.port));
+    ASSERT_TRUE(r.join(pacer, "pacer", 0));
+    ASSERT_TRUE(later.open());  // its own number is taken before oldFd is freed
+    ASSERT_TRUE(pacer.sendMsg("pacer", 0, 700, ""));
+    ASSERT_TRUE(stalled(1));
+    old.shutdownWrite();  // keeps this end's number out of the way
+    ASSERT_TRUE(fresh.registerAs("phone", 1, 5555));
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    release(1);
+    // The loss is reported while the pass is under way; a new connection
+    // arriving now gets the number just closed.
+    ASSERT_TRUE(stalled(2));
+    ASSERT_TRUE(later.connectTo(r.port));
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    const int laterFd = r.acceptedSocket(3);
+    release(1000);
+    if (laterFd != oldFd)
+        GTEST_SKIP() << "socket number " << oldFd << " was not reused (got " << laterFd << ")";
+    ASSERT_TRUE(r.events.waitFor(CLIENT_IPC_CONFIG, "phone", 1, 2));
+    EXPECT_FALSE(later.readable(300)) << "the connection that reused the number was closed";
+    ASSERT_TRUE(later.registerAs("later", 5, 6666));
+    EXPECT_TRUE(r.events.waitFor(CLIENT_IPC_CONFIG, "later", 5));
+    EXPECT_TRUE(r.server->send_command("phone", 1, 42, "", 0));
+    WireMsg msg;
+    ASSERT_TRUE(fresh.readMsg(&msg));
+    EXPECT_EQ(msg.event, 42);
 }
 
 }  // namespace
