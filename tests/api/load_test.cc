@@ -170,9 +170,10 @@ long long run_wave(LoadHost* host, const std::string& address, int wave, int cli
     std::vector<std::thread> threads;
     for (int i = 0; i < clients; ++i) {
         loads.emplace_back(new LoadClient);
-        loads.back()->index = i;
+        LoadClient* load = loads.back().get();
+        load->index = i;
         const std::string dev = "w" + std::to_string(wave) + "-" + std::to_string(i);
-        threads.emplace_back([&, i, dev] { loads[i]->run(address, dev, rounds); });
+        threads.emplace_back([load, &address, dev, rounds] { load->run(address, dev, rounds); });
     }
     for (std::thread& thread : threads)
         thread.join();
