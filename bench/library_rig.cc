@@ -1,10 +1,5 @@
 #include "library_rig.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -13,29 +8,12 @@
 #include <fstream>
 
 #include "frames.h"
+#include "support/loopback_port.h"
 
 namespace bench {
 namespace {
 
 namespace fs = std::filesystem;
-
-// tests/support has the same helper (vexa_test::free_loopback_port), but in a
-// library that brings GoogleTest and the library's internal code along; the
-// benchmark links only the shared library it measures.
-int free_port() {
-    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof(addr);
-    int port = 0;
-    if (bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0 &&
-        getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len) == 0) {
-        port = ntohs(addr.sin_port);
-    }
-    close(fd);
-    return port;
-}
 
 std::string address_of(int port) {
     return "tcp://:" + std::to_string(port);
@@ -159,7 +137,7 @@ bool RegistrationCount::waitFor(int count, int timeoutMs) {
 
 void* start_server(ServerCallback callback, void* user, int* port) {
     for (int attempt = 0; attempt < 5; ++attempt) {
-        *port = free_port();
+        *port = vexa_free_loopback_port();
         if (void* server = ipc_init_server(address_of(*port).c_str(), callback, user))
             return server;
     }

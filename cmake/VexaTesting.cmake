@@ -28,10 +28,11 @@ endif()
 
 # vexa_add_test(<name> SOURCES <files...> [LIBS <targets...>] [TIMEOUT <seconds>] [NO_CORE])
 #
-# One executable per tested module, run by CTest. Each binary runs inside its own
-# temporary sandbox (tests/support/test_main.cc), so binaries run in parallel.
-# NO_CORE leaves out the internal library, for binaries that must see only the
-# exported interface.
+# One executable per tested module, run by CTest, linked with the support
+# library (tests/support). Each binary runs inside its own temporary sandbox
+# (tests/support/test_main.cc), so binaries run in parallel. NO_CORE leaves out
+# the internal library and the sandbox main, for binaries that must see only
+# the exported interface.
 function(vexa_add_test name)
     cmake_parse_arguments(T "NO_CORE" "TIMEOUT" "SOURCES;LIBS" ${ARGN})
     if(NOT T_TIMEOUT)
@@ -41,7 +42,7 @@ function(vexa_add_test name)
     if(NOT T_NO_CORE)
         target_link_libraries(${name} PRIVATE vexa_test_main vexatool_core)
     endif()
-    target_link_libraries(${name} PRIVATE GTest::gtest vexa_warnings ${T_LIBS})
+    target_link_libraries(${name} PRIVATE vexa_test_support GTest::gtest vexa_warnings ${T_LIBS})
     # Programs a test launches itself must go through the emulator in a cross
     # build: tests use VEXA_TEST_EMULATOR as the launch prefix ("" natively).
     list(JOIN CMAKE_CROSSCOMPILING_EMULATOR " " emulator)

@@ -1,6 +1,6 @@
 /*
  * The conversation both example tests hold with their host, written once so
- * that the program (example_test.c) and the shared object (example_test_so.c)
+ * that the program (example_test_program.c) and the shared object (example_test_so.c)
  * behave alike:
  *
  *   test -> host  1000 "hello from <dev>"  right after connecting

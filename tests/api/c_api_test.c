@@ -1,13 +1,11 @@
 /* The public header used from plain C: a server and a client in one process
  * exchange a message each way and close in order. */
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <stdatomic.h>
 #include <stdio.h>
 #include <string.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
+#include "support/loopback_port.h"
 #include "vexatool.h"
 
 static atomic_int g_serverEvents[3]; /* 9001, 42 with "ping", 9005 */
@@ -43,19 +41,6 @@ static int on_client(void* user, int32_t test_item, int32_t event_id, const char
     return 0;
 }
 
-static int free_port(void) {
-    struct sockaddr_in addr;
-    socklen_t len = sizeof(addr);
-    int fd = socket(AF_INET, SOCK_STREAM, 0);
-    memset(&addr, 0, sizeof(addr));
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    bind(fd, (struct sockaddr*)&addr, sizeof(addr));
-    getsockname(fd, (struct sockaddr*)&addr, &len);
-    close(fd);
-    return ntohs(addr.sin_port);
-}
-
 static int wait_for(atomic_int* flag) {
     for (int i = 0; i < 5000 && !atomic_load(flag); ++i)
         usleep(2000);
@@ -76,7 +61,7 @@ int main(void) {
     int passed = 0;
     int failed = 0;
     char address[64];
-    snprintf(address, sizeof(address), "tcp://:%d", free_port());
+    snprintf(address, sizeof(address), "tcp://:%d", vexa_free_loopback_port());
 
     CHECK(ipc_init_server("udp://:1", on_server, NULL) == NULL);
     void* server = ipc_init_server(address, on_server, NULL);

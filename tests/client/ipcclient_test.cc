@@ -133,44 +133,27 @@ TEST_F(ClientTest, RegistersWithItsIdentityAndPid) {
     const int fd = find_socket(clientEnd);
     ASSERT_GE(fd, 0);
     EXPECT_NE(fcntl(fd, F_GETFD) & FD_CLOEXEC, 0);
-    EXPECT_TRUE(in_order(log_texts(log),
-                         {"++++++++++++START++++++++++++", "socket_init", "after buff setting",
-                          "mysock_option_nodelay", "disable_sigpipe", "connect timeout=0 noblock=0",
-                          "connect 127.0.0.1:" + std::to_string(listener.port()), "start"}));
 }
 
-TEST(IPCClientAddress, AcceptedForms) {
-    // Pieces after the port are ignored; the port keeps only its low 16 bits;
-    // a null device string registers as "".
-    for (int form = 0; form < 2; ++form) {
-        std::remove(client_log("").c_str());
-        vexa_test::Listener listener;
-        const std::string port = std::to_string(listener.port() + 65536 * form);
-        const std::string address = "tcp://127.0.0.1:" + port + (form == 0 ? ":x" : "");
-        SCOPED_TRACE(address);
-        {
-            IPCClient client(address.c_str(), nullptr, nullptr, nullptr, 3, 0);
-            client.init();
-            vexa_test::FramedConn peer(listener.accept());
-            WireMsg reg;
-            ASSERT_TRUE(peer.readMsg(&reg));
-            EXPECT_EQ(reg.dev, "");
-            EXPECT_EQ(reg.item, 3);
-            EXPECT_EQ(reg.event, CLIENT_IPC_CONFIG);
-        }
-        EXPECT_TRUE(log_has(client_log(""), "connect 127.0.0.1:" + port));
+// Pieces after the port are ignored; the port keeps only its low 16 bits; a
+// null device string registers as "". Invalid forms fail at construction,
+// before anything connects anywhere.
+TEST(IPCClientAddress, AcceptedAndInvalidForms) {
+    vexa_test::Listener listener;
+    for (const std::string& port :
+         {std::to_string(listener.port()) + ":x", std::to_string(listener.port() + 65536)}) {
+        IPCClient client(("tcp://127.0.0.1:" + port).c_str(), nullptr, nullptr, nullptr, 3, 0);
+        client.init();
+        vexa_test::FramedConn peer(listener.accept());
+        WireMsg reg;
+        ASSERT_TRUE(peer.readMsg(&reg));
+        EXPECT_TRUE(reg.dev.empty() && reg.item == 3 && reg.event == CLIENT_IPC_CONFIG) << port;
     }
-}
-
-TEST(IPCClientAddress, InvalidFormsFailAtConstruction) {
-    // Construction only: nothing here connects anywhere.
-    const char* invalid[] = {"tcp://:abc",  "tcp://:0",        "tcp://10.0.0.2",
-                             "udp://:5000", "tcp://10.0.0.2:", "tcp://:"};
-    for (const char* address : invalid) {
+    for (const char* address : {"tcp://:abc", "tcp://:0", "tcp://10.0.0.2", "udp://:5000",
+                                "tcp://10.0.0.2:", "tcp://:"}) {
         EXPECT_THROW(IPCClient(address, nullptr, nullptr, "addr_dev", 1, 0), comm::MyException)
             << address;
-        EXPECT_TRUE(log_has(client_log("addr_dev"), std::string("serv_path invalid ") + address))
-            << address;
+        EXPECT_TRUE(log_has(client_log("addr_dev"), std::string("serv_path invalid ") + address));
     }
 }
 
@@ -183,9 +166,7 @@ TEST(IPCClientConnect, RefusedConnectFailsAtOnce) {
         EXPECT_THROW(client.init(), comm::MyException);
         EXPECT_LT(monotonic_ms() - start, 900) << "time limit " << timeoutMs;
     }
-    EXPECT_TRUE(log_has(log, "connect timeout=1500 noblock=1"));
-    EXPECT_TRUE(log_has(log, "connect timeout=0 noblock=0"));
-    EXPECT_NE(vexa_test::line_starting(log_texts(log), "wait_on_connect failed rc=-1 take="), "");
+    EXPECT_EQ(vexa_test::count_log_prefix(log, "wait_on_connect failed rc=-1 take="), 2);
 }
 
 TEST(IPCClientConnect, TimeLimitEndsAConnectThatHangs) {
@@ -210,128 +191,87 @@ TEST(IPCClientConnect, TimeLimitEndsAConnectThatHangs) {
     const long long took = monotonic_ms() - start;
     EXPECT_GE(took, 900);
     EXPECT_LT(took, 8000);
-    const std::string line = vexa_test::line_starting(log_texts(client_log("hang_dev")),
-                                                      "wait_on_connect failed rc=-4 take=");
-    ASSERT_NE(line, "");
-    EXPECT_GE(std::atoi(line.c_str() + line.rfind('=') + 1), 900);
+    EXPECT_EQ(vexa_test::count_log_prefix(client_log("hang_dev"), "wait_on_connect failed rc=-4"),
+              1);
 }
 
 // With a time limit the socket stays non-blocking; whole messages still
-// travel both ways, and refused lengths put nothing on the wire.
+// travel both ways, also from inside the callback, and refused lengths put
+// nothing on the wire. The marker file, read at construction, traces them.
 TEST_F(ClientTest, MessagesReachTheCallbackAndThePeer) {
+    const std::string marker = vexa_test::endpoint_dir() + "ipc_sendrecv.txt";
+    vexa_test::write_file(marker, "");
+    events.onEvent([this](const Event& e) {
+        if (e.event == 500)
+            client->send(501, e.data.data(), e.len);
+    });
     start("traffic_dev", 11, 1500);
+    std::remove(marker.c_str());
     ASSERT_TRUE(peer.sendMsg("server_side", 12, 4242, "hello", 1234, 5678));
     ASSERT_TRUE(peer.sendMsg("server_side", 13, 4243, ""));
     ASSERT_TRUE(events.waitFor(4243));
     const std::vector<Event> got = events.events();
     ASSERT_EQ(got.size(), 2u);
-    EXPECT_EQ(got[0].item, 12);
-    EXPECT_EQ(got[0].event, 4242);
-    EXPECT_EQ(got[0].dev, "server_side");
-    EXPECT_EQ(got[0].sec, 1234);
-    EXPECT_EQ(got[0].usec, 5678);
-    EXPECT_EQ(got[0].data, "hello");
-    EXPECT_TRUE(got[0].terminated);
-    EXPECT_EQ(got[1].data, "");
-    EXPECT_TRUE(got[1].terminated);
+    EXPECT_TRUE(got[0].item == 12 && got[0].event == 4242 && got[0].dev == "server_side");
+    EXPECT_TRUE(got[0].sec == 1234 && got[0].usec == 5678);
+    EXPECT_TRUE(got[0].data == "hello" && got[0].terminated);
+    EXPECT_TRUE(got[1].data.empty() && got[1].terminated);
 
     EXPECT_TRUE(client->send(77, "abc", 3));
-    EXPECT_TRUE(client->send(78, nullptr, 0));
     EXPECT_FALSE(client->send(79, "x", -1));
     const std::string tooBig(IPC_MAX_DATA_LEN, 'b');
     EXPECT_FALSE(client->send(79, tooBig.data(), IPC_MAX_DATA_LEN));
-    EXPECT_TRUE(client->send(80, "z", 1));
+    ASSERT_TRUE(peer.sendMsg("traffic_dev", 11, 500, "round"));
     WireMsg m;
     ASSERT_TRUE(peer.readMsg(&m));
-    EXPECT_EQ(m.dev, "traffic_dev");
-    EXPECT_EQ(m.item, 11);
-    EXPECT_EQ(m.event, 77);
-    EXPECT_EQ(m.data, "abc");
+    EXPECT_TRUE(m.dev == "traffic_dev" && m.item == 11 && m.event == 77 && m.data == "abc");
     ASSERT_TRUE(peer.readMsg(&m));
-    EXPECT_EQ(m.event, 78);
-    EXPECT_EQ(m.len, 0);
-    ASSERT_TRUE(peer.readMsg(&m));
-    EXPECT_EQ(m.event, 80);
-
+    EXPECT_TRUE(m.event == 501 && m.data == "round");
     grantExit();
     release();
-    EXPECT_TRUE(log_has(log, "connect timeout=1500 noblock=1"));
-    EXPECT_TRUE(log_has(log, "error! data_len=512000 range[0-512000)"));
-    // Ordinary messages are not traced without the marker file (the exit ack
-    // always is).
-    EXPECT_FALSE(log_has(log, "recv test_item=12 test_id=4242 data_len=5"));
-    EXPECT_TRUE(log_has(log, "recv test_item=11 test_id=9003 data_len=0"));
-    EXPECT_FALSE(log_has(log, "call finish"));
+    EXPECT_TRUE(in_order(log_texts(log), {"recv test_item=11 test_id=500 data_len=5",
+                                          "send dev=traffic_dev test_item=11 event_id=501 "
+                                          "data_len=5",
+                                          "call finish"}));
 }
 
-TEST_F(ClientTest, CallbackAnswersFromInsideItselfAndIsTraced) {
-    const std::string marker = vexa_test::endpoint_dir() + "ipc_sendrecv.txt";
-    vexa_test::write_file(marker, "");
-    events.onEvent([this](const Event& e) { client->send(e.event + 1, e.data.data(), e.len); });
-    start("echo_dev", 51);
-    std::remove(marker.c_str());  // read once, at construction
-    for (int i = 0; i < 3; ++i) {
-        const std::string body = "round " + std::to_string(i);
-        ASSERT_TRUE(peer.sendMsg("echo_dev", 51, 500 + 10 * i, body));
-        WireMsg answer;
-        ASSERT_TRUE(peer.readMsg(&answer));
-        EXPECT_EQ(answer.event, 501 + 10 * i);
-        EXPECT_EQ(answer.data, body);
+// A server that goes away is told to the callback with 1006 and -900; an
+// unasked 9003 closes silently. Either way the loop ends, sends fail, and
+// with nothing left to ask leave of the release does not wait.
+TEST_F(ClientTest, ServerGoneOrAnUnaskedExitAckEndsTheLoop) {
+    for (const bool gone : {true, false}) {
+        SCOPED_TRACE(gone ? "server gone" : "unasked 9003");
+        start("end_dev", 21);
+        const size_t eventsBefore = events.events().size();
+        const int32_t before = now_sec();
+        if (gone) {
+            peer.close();
+            ASSERT_TRUE(events.waitFor(CLIENT_IPC_DISCONNECTED));
+            const Event notice = events.events().back();
+            EXPECT_TRUE(notice.item == 21 && notice.dev == "end_dev" && notice.sec >= before);
+            EXPECT_EQ(vexa_test::native32(notice.data), IPC_ERR_SERVER_CLOSED);
+        } else {
+            ASSERT_TRUE(peer.sendMsg("end_dev", 21, CLIENT_IPC_EXIT_ACK, ""));
+            ASSERT_TRUE(peer.waitEof());
+        }
+        ASSERT_TRUE(vexa_test::wait_until([&] { return !client->isRunning(); }));
+        EXPECT_FALSE(client->send(1, "x", 1));
+        EXPECT_LT(release(), 1500);
+        EXPECT_EQ(events.events().size() - eventsBefore, gone ? 1u : 0u);
+        EXPECT_EQ(vexa_test::count_log_text(log, "socket close"), 1);
     }
-    grantExit();
-    release();
-    EXPECT_TRUE(in_order(
-        log_texts(log), {"recv test_item=51 test_id=500 data_len=7",
-                         "send dev=echo_dev test_item=51 event_id=501 data_len=7", "call finish"}));
-}
-
-TEST_F(ClientTest, ServerGoneGivesDisconnectedAndEndsTheLoop) {
-    start("gone_dev", 21);
-    const int32_t before = now_sec();
-    peer.close();
-
-    ASSERT_TRUE(events.waitFor(CLIENT_IPC_DISCONNECTED));
-    const Event notice = events.events()[0];
-    EXPECT_EQ(notice.event, CLIENT_IPC_DISCONNECTED);
-    EXPECT_EQ(notice.item, 21);
-    EXPECT_EQ(notice.dev, "gone_dev");
-    EXPECT_GE(notice.sec, before);
-    int32_t reason = 0;
-    ASSERT_EQ(notice.data.size(), sizeof(reason));
-    std::memcpy(&reason, notice.data.data(), sizeof(reason));
-    EXPECT_EQ(reason, IPC_ERR_SERVER_CLOSED);
-
-    ASSERT_TRUE(vexa_test::wait_until([&] { return !client->isRunning(); }));
-    EXPECT_FALSE(client->send(1, "x", 1));
-    // Nothing left to ask leave of: the release does not wait.
-    EXPECT_LT(release(), 1500);
-    EXPECT_EQ(events.events().size(), 1u);
-    EXPECT_TRUE(in_order(log_texts(log), {"readMsgFromSocket failed. server socket closed",
-                                          "socket close", "stop", "processThread stopped"}));
-    EXPECT_FALSE(log_has(log, "wait m_canClose 2000ms"));
-    EXPECT_EQ(vexa_test::count_log_text(log, "socket close"), 1);
-}
-
-TEST_F(ClientTest, ExitAckWithoutRequestClosesSilently) {
-    start("kicked_dev", 31);
-    ASSERT_TRUE(peer.sendMsg("kicked_dev", 31, CLIENT_IPC_EXIT_ACK, ""));
-    ASSERT_TRUE(peer.waitEof());
-    EXPECT_FALSE(client->send(1, "x", 1));
-    EXPECT_TRUE(vexa_test::wait_until([&] { return !client->isRunning(); }));
-    release();
-    EXPECT_EQ(events.events().size(), 0u);
-    EXPECT_TRUE(
-        in_order(log_texts(log), {"recv test_item=31 test_id=9003 data_len=0", "socket close"}));
 }
 
 // The release asks leave with CLIENT_IPC_EXIT and waits for the answer, but
 // for 2000 ms at most, whatever the server does: also when it stops in the
-// middle of a message or trickles one in a byte at a time.
+// middle of a message or trickles one in a byte at a time. A server that
+// closes instead of answering ends the wait at once, with one 1006.
 TEST_F(ClientTest, ReleaseWaitsForTheExitAckUpTo2000ms) {
-    enum Server { kAnswers, kIgnores, kStallsMidMessage, kTrickles };
-    for (Server mode : {kAnswers, kIgnores, kStallsMidMessage, kTrickles}) {
+    enum Server { kAnswers, kCloses, kIgnores, kStallsMidMessage, kTrickles };
+    for (Server mode : {kAnswers, kCloses, kIgnores, kStallsMidMessage, kTrickles}) {
         SCOPED_TRACE(mode);
         start("polite_dev", 61);
+        const size_t eventsBefore = events.events().size();
         const std::string head = vexa_test::head_bytes("polite_dev", 61, 700, 0, 0, 1000);
         if (mode == kStallsMidMessage) {
             ASSERT_TRUE(peer.sendRaw(head.substr(0, 60)));
@@ -346,6 +286,8 @@ TEST_F(ClientTest, ReleaseWaitsForTheExitAckUpTo2000ms) {
                 }
             } else if (peer.readMsg(&request) && mode == kAnswers) {
                 peer.sendMsg("polite_dev", 61, CLIENT_IPC_EXIT_ACK, "");
+            } else if (mode == kCloses) {
+                peer.close();
             }
         });
         if (mode == kTrickles)
@@ -354,16 +296,18 @@ TEST_F(ClientTest, ReleaseWaitsForTheExitAckUpTo2000ms) {
         released = true;
         server.join();
         if (mode != kTrickles) {
-            EXPECT_EQ(request.event, CLIENT_IPC_EXIT);
-            EXPECT_EQ(request.len, 0);
-            EXPECT_EQ(request.item, 61);
+            EXPECT_TRUE(request.event == CLIENT_IPC_EXIT && request.len == 0 && request.item == 61);
         }
-        EXPECT_GE(took, mode == kAnswers ? 0 : 1990);
-        EXPECT_LT(took, mode == kAnswers ? 1500 : 3500);
-        EXPECT_EQ(events.events().size(), 0u);
-        EXPECT_TRUE(peer.waitEof());
-        EXPECT_TRUE(in_order(log_texts(log), {"stop", "wait m_canClose 2000ms", "wait finish",
-                                              "processThread stopped"}));
+        const bool quick = mode == kAnswers || mode == kCloses;
+        EXPECT_GE(took, quick ? 0 : 1990);
+        EXPECT_LT(took, quick ? 1500 : 3500);
+        const std::vector<Event> seen = events.events();
+        EXPECT_EQ(seen.size() - eventsBefore, mode == kCloses ? 1u : 0u);
+        if (mode == kCloses) {
+            EXPECT_EQ(vexa_test::native32(seen.back().data), IPC_ERR_SERVER_CLOSED);
+        } else {
+            EXPECT_TRUE(peer.waitEof());
+        }
         EXPECT_EQ(vexa_test::count_log_text(log, "socket close"), 1);
     }
 }
@@ -375,44 +319,11 @@ TEST_F(ClientTest, AServerStalledMidMessageIsLeftAfterTheReadBudget) {
     client->socketUtil().mysock_set_read_timeout(1000);
     ASSERT_TRUE(peer.sendRaw(vexa_test::head_bytes("stall_dev", 71, 700, 0, 0, 1000) + "abc"));
     ASSERT_TRUE(events.waitFor(CLIENT_IPC_DISCONNECTED, nullptr, 0, 1, 10000));
-    EXPECT_TRUE(in_order(log_texts(log),
-                         {"SocketUtil:mysock_readn want_datalen - nright=100",
-                          "mysock_readn select rc=-4",
-                          "readMsgFromSocket read body failed. read_len=-4, error=" +
-                              vexa_test::error_text(0),
-                          "readMsgFromSocket failed. server socket closed"}));
-}
-
-TEST_F(ClientTest, SendersRacingTheServersCloseEndCleanly) {
-    start("race_dev", 41);
-    constexpr int kSenders = 4;
-    const long long deadline = monotonic_ms() + 60000;
-    std::vector<std::thread> senders;
-    for (int t = 0; t < kSenders; ++t) {
-        senders.emplace_back([&, t] {
-            const std::string body(static_cast<size_t>(100 + 50 * t), static_cast<char>('a' + t));
-            while (client->send(1000 + t, body.data(), static_cast<int32_t>(body.size())) &&
-                   monotonic_ms() < deadline) {
-            }
-        });
-    }
-    // Messages from several threads never interleave on the wire.
-    for (int i = 0; i < 300; ++i) {
-        WireMsg m;
-        const int t = peer.readMsg(&m) ? m.event - 1000 : -1;
-        if (t < 0 || t >= kSenders || m.data != std::string(100 + 50 * t, 'a' + t)) {
-            ADD_FAILURE() << "message " << i << " broken or mixed: event " << m.event;
-            break;  // the senders must still be joined
-        }
-    }
-    peer.close();
-    for (std::thread& sender : senders)
-        sender.join();  // each ends once its send fails
-
-    ASSERT_TRUE(events.waitFor(CLIENT_IPC_DISCONNECTED));
-    EXPECT_EQ(events.events().back().event, CLIENT_IPC_DISCONNECTED);
-    ASSERT_TRUE(vexa_test::wait_until([&] { return !client->isRunning(); }));
-    EXPECT_FALSE(client->send(1, "x", 1));
+    EXPECT_TRUE(in_order(
+        log_texts(log),
+        {"SocketUtil:mysock_readn want_datalen - nright=100", "mysock_readn select rc=-4",
+         "readMsgFromSocket read body failed. read_len=-4, error=" + vexa_test::error_text(0),
+         "readMsgFromSocket failed. server socket closed"}));
 }
 
 }  // namespace

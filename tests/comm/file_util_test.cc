@@ -13,35 +13,25 @@ namespace {
 using vexa_test::read_file;
 using vexa_test::write_file;
 
-TEST(FileUtil, WriteTruncatesReadsBackAndRemoves) {
+// The wrappers of stdio and stat: only what they add is tested. A read that
+// fails leaves the output alone; a write replaces the whole file.
+TEST(FileUtil, FailedReadsLeaveTheOutputAlone) {
     vexa_test::TempDir tmp;
     const std::string path = tmp.file("data.bin");
     const std::string binary("a\0b\r\n\xff", 6);
-    EXPECT_EQ(comm::file_size(path), -1);
-    EXPECT_FALSE(comm::file_exists(path));
     ASSERT_TRUE(comm::file_write_string(path, "a longer text than the next one"));
     ASSERT_TRUE(comm::file_write(path, binary.data(), 6));
-    EXPECT_EQ(comm::file_size(path), 6);
     std::string out = "old";
     ASSERT_TRUE(comm::file_read_all(path, out));
     EXPECT_EQ(out, binary);
-    FILE* f = std::fopen(path.c_str(), "rb");
-    ASSERT_NE(f, nullptr);
-    EXPECT_EQ(comm::stream_size(f), 6);
-    std::fclose(f);
-
-    char buf[4096] = {};
-    write_file(path, std::string(100, 'x'));
-    EXPECT_EQ(comm::file_read(path, buf, sizeof(buf)), 100);
-    EXPECT_EQ(comm::file_read(path, buf, 10), 10);
+    char buf[16] = {};
+    EXPECT_EQ(comm::file_read(path, buf, 4), 4);
     EXPECT_EQ(comm::file_read(tmp.file("missing"), buf, sizeof(buf)), 0);
     out = "old";
     EXPECT_FALSE(comm::file_read_all(tmp.file("missing"), out));
     EXPECT_FALSE(comm::file_read_all(tmp.path(), out));  // a directory cannot be read
     EXPECT_EQ(out, "old");
     EXPECT_FALSE(comm::file_write_string(tmp.file("no/dir"), "x"));
-    EXPECT_EQ(comm::file_remove(path), 0);
-    EXPECT_EQ(comm::file_remove(path), -1);
 }
 
 TEST(FileUtil, CopyLeavesTargetAloneWithoutSource) {

@@ -37,6 +37,8 @@ TEST(CommLog, FirstUseCreatesTheLogDirectoryAndQzcommLog) {
     }
 }
 
+// A line is the local stamp, a blank, the text and a newline; a formatted
+// text keeps at most 5118 characters.
 TEST(Logger, LineIsLocalStampBlankTextNewline) {
     TempDir tmp;
     const std::string path = tmp.file("a.log");
@@ -44,10 +46,12 @@ TEST(Logger, LineIsLocalStampBlankTextNewline) {
         comm::Logger logger(path, true, true, true, 0);
         logger.writeLine("plain text");
         logger.writeFormat("n=%d s=%s", 7, "x");
+        logger.writeFormat("%s", std::string(6000, 'z').c_str());
     }
     const std::string stamp = "9999/99/99 99:99:99.999 ";
     EXPECT_TRUE(vexa_test::has_shape(vexa_test::read_file(path),
-                                     stamp + "plain text\n" + stamp + "n=7 s=x\n"));
+                                     stamp + "plain text\n" + stamp + "n=7 s=x\n" + stamp +
+                                         std::string(5118, 'z') + "\n"));
 }
 
 // Only "0" turns a switch off; with printing off the file is left alone.
@@ -121,16 +125,6 @@ TEST(Logger, OneFlushFlagForAllLoggers) {
     EXPECT_TRUE(comm::log_flush_enabled());
     quiet.writeLine("flushed");
     EXPECT_EQ(log_texts(first), (Lines{"buffered", "flushed"}));
-}
-
-TEST(Logger, FormattedTextIsCutAt5118Characters) {
-    TempDir tmp;
-    const std::string path = tmp.file("long.log");
-    {
-        comm::Logger logger(path, true, true, true, 0);
-        logger.writeFormat("%s", std::string(6000, 'z').c_str());
-    }
-    EXPECT_EQ(log_texts(path), Lines{std::string(5118, 'z')});
 }
 
 TEST(Logger, ConcurrentWritersNeverMixLines) {

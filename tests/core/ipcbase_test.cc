@@ -15,6 +15,7 @@
 #include <gtest/gtest.h>
 
 #include "comm/thread_util.h"
+#include "support/frame_reader.h"
 #include "support/framed_peer.h"
 #include "support/test_support.h"
 
@@ -70,65 +71,35 @@ std::string read_exactly(int fd, size_t size) {
     return bytes;
 }
 
-TEST(IPCBaseLog, WithoutCallbackNoThreadRunsAndTheLogTellsTheLifecycle) {
-    const std::string name = "ipc_test_lifecycle.log";
-    for (int round = 0; round < 2; ++round) {
-        TestEndpoint endpoint(nullptr, name);
+// Without a callback there is nobody to deliver to, so no loop runs. With one
+// the loop runs until stop, and onStop still sees it running (a client waits
+// there for its answer); a loop that ended by itself leaves stop nothing to
+// wait for. Endpoints of one name append to one log.
+TEST(IPCBaseThread, TheLoopRunsOnlyWithACallbackAndUntilStop) {
+    for (const vexa::IPCCallback callback : {vexa::IPCCallback(nullptr), &ignore_message}) {
+        TestEndpoint endpoint(callback, "ipc_test_thread.log");
         endpoint.init();
         endpoint.start();
-        comm::sleep_ms(20);
-        EXPECT_FALSE(endpoint.isRunning());
+        EXPECT_EQ(vexa_test::wait_until([&] { return endpoint.passes >= 3; }, 200), !!callback);
+        EXPECT_EQ(endpoint.isRunning(), !!callback);
         endpoint.stop();
-        EXPECT_EQ(endpoint.passes.load(), 0);
-        EXPECT_EQ(endpoint.starts.load(), 1);
-        EXPECT_EQ(endpoint.stops.load(), 1);
-    }
-    const Lines once = {"++++++++++++START++++++++++++",
-                        "vexa_init_with_logger version=2016-06-19 log_flush=1",
-                        "socket_init",
-                        "SocketUtil:mysock_init_with_logger",
-                        "start",
-                        "stop",
-                        "waiting processThread...",
-                        "processThread stopped",
-                        "~IPCBase"};
-    // The second endpoint appended to the first one's file.
-    Lines twice = once;
-    twice.insert(twice.end(), once.begin(), once.end());
-    EXPECT_EQ(log_texts(log_path(name)), twice);
-}
-
-TEST(IPCBaseThread, WithCallbackTheLoopRunsUntilStop) {
-    const std::string name = "ipc_test_thread.log";
-    {
-        TestEndpoint endpoint(ignore_message, name);
-        endpoint.init();
-        endpoint.start();
-        EXPECT_TRUE(vexa_test::wait_until([&] { return endpoint.passes >= 3; }));
-        EXPECT_TRUE(endpoint.isRunning());
-        endpoint.stop();
-        // onStop runs while the loop still goes (a client waits there for its answer).
-        EXPECT_TRUE(endpoint.runningDuringOnStop.load());
+        EXPECT_EQ(endpoint.runningDuringOnStop.load(), !!callback);
         EXPECT_FALSE(endpoint.isRunning());
         const int passes = endpoint.passes;
         comm::sleep_ms(20);
         EXPECT_EQ(endpoint.passes.load(), passes);
+        EXPECT_TRUE(endpoint.starts == 1 && endpoint.stops == 1);
     }
-    EXPECT_TRUE(vexa_test::in_order(
-        log_texts(log_path(name)), {"start", "process_thread...", "stop", "process_thread finished",
-                                    "processThread stopped"}));
-}
+    EXPECT_EQ(vexa_test::count_log_text(log_path("ipc_test_thread.log"), "~IPCBase"), 2);
 
-TEST(IPCBaseThread, LoopThatEndsByItselfLeavesStopNothingToWaitFor) {
-    TestEndpoint endpoint(ignore_message, "ipc_test_selfend.log", 5);
-    endpoint.start();
+    TestEndpoint selfEnding(ignore_message, "ipc_test_selfend.log", 5);
+    selfEnding.start();
     EXPECT_TRUE(
-        vexa_test::wait_until([&] { return endpoint.passes == 5 && !endpoint.isRunning(); }));
+        vexa_test::wait_until([&] { return selfEnding.passes == 5 && !selfEnding.isRunning(); }));
     const long long before = vexa_test::monotonic_ms();
-    endpoint.stop();
+    selfEnding.stop();
     EXPECT_LT(vexa_test::monotonic_ms() - before, 2000);
-    EXPECT_EQ(endpoint.passes.load(), 5);
-    EXPECT_FALSE(endpoint.runningDuringOnStop.load());
+    EXPECT_EQ(selfEnding.passes.load(), 5);
 }
 
 // Marker files in the endpoint directory are looked at once, at construction:
@@ -197,34 +168,6 @@ TEST(IPCBaseSend, HeadIsBigEndianAtItsOffsets) {
     EXPECT_FALSE(readable(pair.b));
 }
 
-TEST(IPCBaseSend, EmptyAndLargestBodiesArriveWithTheirNul) {
-    vexa_test::TempDir tmp;
-    SocketPair pair;
-    vexa::Connection conn(dup(pair.a), 1);
-    TestEndpoint endpoint(nullptr, "ipc_test_bodies.log");
-    vexa_test::FrameReader reader(tmp.file("reader.log"));
-    const vexa::IPCMessage& msg = reader.msg;
-
-    ASSERT_TRUE(endpoint.send(conn, "dev", 2, 3, nullptr, 0));
-    ASSERT_TRUE(reader.read(pair.b));
-    EXPECT_EQ(msg.data_len, 0);
-    EXPECT_EQ(msg.data[0], '\0');
-
-    const int32_t largest = IPC_MAX_DATA_LEN - 1;
-    const std::string body = vexa_test::pattern(largest);
-    bool sent = false;
-    // The body is larger than the pair's buffers: the send waits for the reader.
-    std::thread sender([&] { sent = endpoint.send(conn, "dev", 2, 4, body.data(), largest); });
-    const bool got = reader.read(pair.b);
-    sender.join();
-    EXPECT_TRUE(sent);
-    ASSERT_TRUE(got);
-    EXPECT_EQ(msg.data_len, largest);
-    EXPECT_EQ(msg.event_id, 4);
-    ASSERT_EQ(msg.data[largest], '\0');
-    EXPECT_EQ(std::string(msg.data), body);
-}
-
 TEST(IPCBaseSend, RefusedLengthsWriteNothingAndAFailedWriteKeepsTheSocket) {
     SocketPair pair;
     vexa::Connection conn(dup(pair.a), 1);
@@ -250,9 +193,13 @@ TEST(IPCBaseSend, RefusedLengthsWriteNothingAndAFailedWriteKeepsTheSocket) {
     EXPECT_EQ(vexa_test::count_log_text(log, "error! data_len=-1 range[0-512000)"), 1);
 }
 
+// A small send buffer cuts every message into many partial writes, so that
+// senders not held apart by the send lock interleave every time.
 TEST(IPCBaseSend, ConcurrentSendersNeverInterleave) {
     vexa_test::TempDir tmp;
     SocketPair pair;
+    const int small = 4096;
+    ASSERT_EQ(setsockopt(pair.a, SOL_SOCKET, SO_SNDBUF, &small, sizeof(small)), 0);
     vexa::Connection conn(dup(pair.a), 1);
     const int senders = 4;
     const int perSender = 24;

@@ -1,9 +1,8 @@
 // The server endpoint against clients written out by hand: listening,
-// registration, delivery, exits, broken connections, routing and teardown.
+// registration, delivery, exits, broken connections and streams, isolation
+// and teardown.
 #include "server/ipcserver.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/time.h>
@@ -12,16 +11,16 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <memory>
+#include <condition_variable>
+#include <mutex>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
 
-#include "server_test_util.h"
-#include "support/framed_peer.h"
-#include "support/test_support.h"
+#include "running_server.h"
 
 namespace {
 
@@ -29,6 +28,7 @@ using srvtest::Running;
 using vexa_test::CallbackLog;
 using vexa_test::Event;
 using vexa_test::FramedConn;
+using vexa_test::head_bytes;
 using vexa_test::log_has;
 using vexa_test::wait_until;
 using vexa_test::WireMsg;
@@ -39,62 +39,50 @@ long now_sec() {
     return now.tv_sec;
 }
 
-// Whether constructing and initialising a server throws comm::MyException.
-bool fails(const std::string& address, ServerCallback callback, const std::string& tag) {
-    try {
-        std::unique_ptr<vexa::IPCServer> server(
-            new vexa::IPCServer(address, callback, nullptr, tag));
-        server->init();
-    } catch (const comm::MyException&) {
-        return true;
-    }
-    return false;
-}
-
 TEST(ServerAddress, BadAddressesAndANullCallbackGiveNoServer) {
     Running first;
     ASSERT_NE(first.server, nullptr);
     const std::string localhost = "tcp://localhost:" + std::to_string(first.port + 1);
-    const ServerCallback cb = CallbackLog::callback;
     const struct {
         std::string address;
-        ServerCallback callback;
+        bool callback;
         std::string line;
-        const char* absent;  // when not null, no line may start with this
     } cases[] = {
-        {"tcp://:0", cb, "serv_path invalid tcp://:0", "bind"},
-        {"tcp://:abc", cb, "serv_path invalid tcp://:abc", "bind"},
-        {"tcp://127.0.0.1", cb, "serv_path invalid tcp://127.0.0.1", "bind"},
-        {"tcp://127.0.0.1:", cb, "serv_path invalid tcp://127.0.0.1:", "bind"},
-        {"udp://:5000", cb, "serv_path invalid udp://:5000", "bind"},
+        {"tcp://:0", true, "serv_path invalid tcp://:0"},
+        {"tcp://:abc", true, "serv_path invalid tcp://:abc"},
+        {"tcp://127.0.0.1", true, "serv_path invalid tcp://127.0.0.1"},
+        {"tcp://127.0.0.1:", true, "serv_path invalid tcp://127.0.0.1:"},
+        {"udp://:5000", true, "serv_path invalid udp://:5000"},
         // Checked before the address is looked at.
-        {"udp://nowhere", nullptr, "callback cannot be null", "serv_path"},
+        {"udp://nowhere", false, "callback cannot be null"},
         // Host names are not resolved.
-        {localhost, cb, "bind error=" + vexa_test::error_text(EADDRNOTAVAIL), nullptr},
-        {first.address(), cb, "bind error=" + vexa_test::error_text(EADDRINUSE), nullptr},
+        {localhost, true, "bind error=" + vexa_test::error_text(EADDRNOTAVAIL)},
+        {first.address(), true, "bind error=" + vexa_test::error_text(EADDRINUSE)},
     };
     int n = 0;
     for (const auto& c : cases) {
         SCOPED_TRACE(c.address);
-        const std::string tag = first.tag + std::to_string(n++);
-        EXPECT_TRUE(fails(c.address, c.callback, tag));
+        const std::string tag = first.tag + "-" + std::to_string(n++);
+        EXPECT_THROW(
+            {
+                vexa::IPCServer server(c.address, c.callback ? &CallbackLog::callback : nullptr,
+                                       nullptr, tag);
+                server.init();
+            },
+            comm::MyException);
         const std::string log = srvtest::server_log(tag);
         EXPECT_TRUE(log_has(log, c.line));
-        if (c.absent != nullptr) {
-            EXPECT_EQ(vexa_test::line_starting(vexa_test::log_texts(log), c.absent), "");
-        }
+        EXPECT_EQ(vexa_test::count_log_prefix(log, "bind ") > 0, c.line.rfind("bind", 0) == 0);
     }
 }
 
 TEST(ServerAddress, PortAbove65535BindsItsLow16Bits) {
-    Running r("tcp://:70000");
-    if (r.server == nullptr && log_has(r.log, "bind error=" + vexa_test::error_text(EADDRINUSE)))
-        GTEST_SKIP() << "port 4464 (70000 mod 65536) is in use on this machine";
+    const int port = vexa_test::free_loopback_port();
+    Running r("tcp://:" + std::to_string(port + 65536));
     ASSERT_NE(r.server, nullptr);
-    EXPECT_TRUE(log_has(r.log, "bind 127.0.0.1:70000"));
     FramedConn peer;
-    ASSERT_TRUE(peer.connectTo(4464));
-    EXPECT_GE(srvtest::accepted_socket(r.log, 0), 0);
+    EXPECT_TRUE(peer.connectTo(port));
+    EXPECT_GE(r.acceptedSocket(0), 0);
 }
 
 TEST(ServerLoop, RegistrationAndMessagesReachTheHostWithTheirOwnFields) {
@@ -108,33 +96,21 @@ TEST(ServerLoop, RegistrationAndMessagesReachTheHostWithTheirOwnFields) {
     });
     FramedConn peer;
     ASSERT_TRUE(r.join(peer, "phone", 12, 4242));
-    const std::vector<Event> seen = r.events.matching(CLIENT_IPC_CONFIG, "phone", 12);
-    ASSERT_EQ(seen.size(), 1u);
-    EXPECT_EQ(seen[0].len, 4);
-    EXPECT_EQ(srvtest::native32(seen[0].data), 4242);
-    EXPECT_EQ(seen[0].sec, 1000);
-    EXPECT_EQ(seen[0].usec, 2000);
-    EXPECT_TRUE(vexa_test::wait_log(r.log,
-                                    "CLIENT_IPC_CONFIG pid=4242 dev=phone test_item=12 "
-                                    "socket=" +
-                                        std::to_string(srvtest::accepted_socket(r.log, 0))));
+    const Event reg = r.events.matching(CLIENT_IPC_CONFIG, "phone", 12)[0];
+    EXPECT_TRUE(reg.len == 4 && vexa_test::native32(reg.data) == 4242);
+    EXPECT_TRUE(reg.sec == 1000 && reg.usec == 2000);
     EXPECT_EQ(r.server->clientCount(), 1u);
 
     ASSERT_TRUE(peer.sendMsg("phone", 12, 777, "hello", 1234567, 654321));
     ASSERT_TRUE(r.events.waitFor(777, "phone", 12));
     const Event got = r.events.matching(777)[0];
-    EXPECT_EQ(got.sec, 1234567);
-    EXPECT_EQ(got.usec, 654321);
-    EXPECT_EQ(got.data, "hello");
-    EXPECT_EQ(got.len, 5);
-    EXPECT_FALSE(got.dataNull);
+    EXPECT_TRUE(got.sec == 1234567 && got.usec == 654321);
+    EXPECT_TRUE(got.data == "hello" && got.terminated && !got.dataNull);
 
     ASSERT_TRUE(peer.sendMsg("phone", 12, 600, "ping"));
     WireMsg answer;
     ASSERT_TRUE(peer.readMsg(&answer));
-    EXPECT_EQ(answer.event, 601);
-    EXPECT_EQ(answer.dev, "phone");
-    EXPECT_EQ(answer.item, 12);
+    EXPECT_TRUE(answer.event == 601 && answer.dev == "phone" && answer.item == 12);
     EXPECT_EQ(answer.data, "ping");
 
     // A device string filling all 80 bytes, without a NUL, is bounded.
@@ -143,7 +119,7 @@ TEST(ServerLoop, RegistrationAndMessagesReachTheHostWithTheirOwnFields) {
     ASSERT_TRUE(r.join(wide, dev, 3, 77));
     EXPECT_TRUE(vexa_test::wait_log(
         r.log, "CLIENT_IPC_CONFIG pid=77 dev=" + dev +
-                   " test_item=3 socket=" + std::to_string(srvtest::accepted_socket(r.log, 1))));
+                   " test_item=3 socket=" + std::to_string(r.acceptedSocket(1))));
 }
 
 // "phone" + 12 and "phone1" + 2 make the same key: the later connection
@@ -154,12 +130,8 @@ TEST(ServerRegistry, ARegistrationReplacesTheSameKeyAndASecondOneDropsTheConnect
     FramedConn first;
     FramedConn second;
     ASSERT_TRUE(r.join(first, "phone", 12));
-    const int firstFd = srvtest::accepted_socket(r.log, 0);
     ASSERT_TRUE(r.join(second, "phone1", 2));
-
     EXPECT_TRUE(first.waitEof());
-    EXPECT_TRUE(log_has(r.log, "warning! CLIENT_IPC_CONFIG again! test_item=2"));
-    EXPECT_TRUE(log_has(r.log, "overwrite. remove socket=" + std::to_string(firstFd)));
     EXPECT_TRUE(wait_until([&] { return r.server->exitedCount() == 1; }));
     EXPECT_EQ(r.server->clientCount(), 1u);
 
@@ -170,10 +142,7 @@ TEST(ServerRegistry, ARegistrationReplacesTheSameKeyAndASecondOneDropsTheConnect
     ASSERT_TRUE(second.readMsg(&msg));
     EXPECT_EQ(msg.event, 50);
     ASSERT_TRUE(second.readMsg(&msg));
-    EXPECT_EQ(msg.event, 51);
-    EXPECT_EQ(msg.dev, "phone");
-    EXPECT_EQ(msg.item, 12);
-    EXPECT_EQ(msg.len, 0);
+    EXPECT_TRUE(msg.event == 51 && msg.dev == "phone" && msg.item == 12 && msg.len == 0);
     EXPECT_NEAR(msg.sec, now_sec(), 60);
     EXPECT_FALSE(second.readable(200));
 
@@ -182,8 +151,6 @@ TEST(ServerRegistry, ARegistrationReplacesTheSameKeyAndASecondOneDropsTheConnect
     EXPECT_TRUE(wait_until([&] { return r.server->exitedCount() == 2; }));
     EXPECT_EQ(r.server->clientCount(), 0u);
     EXPECT_FALSE(r.server->send_command("phone1", 2, 52, nullptr, 0));
-    EXPECT_TRUE(
-        log_has(r.log, "error! send_command event=52 dev=phone1 test_item=2 client not exist"));
     EXPECT_TRUE(r.events.matching(CLIENT_IPC_OFFLINE).empty());
 }
 
@@ -196,11 +163,8 @@ TEST(ServerRegistry, UnregisteredPairsAreDroppedAndOnlyRegisteredLossesReported)
     FramedConn stranger;
     ASSERT_TRUE(stranger.connectTo(r.port));
     ASSERT_TRUE(stranger.sendMsg("phone", 9, 300, "s"));
-    const int strangerFd = srvtest::accepted_socket(r.log, 0);
     FramedConn peer;
     ASSERT_TRUE(r.join(peer, "phone", 1, 4242));
-    const int fd = srvtest::accepted_socket(r.log, 1);
-
     ASSERT_TRUE(peer.sendMsg("phone", 2, 500, "unknown pair"));
     ASSERT_TRUE(peer.sendMsg("phone", 3, CLIENT_IPC_EXIT, ""));
     ASSERT_TRUE(peer.sendMsg("phone", 1, 501, "known"));
@@ -208,19 +172,14 @@ TEST(ServerRegistry, UnregisteredPairsAreDroppedAndOnlyRegisteredLossesReported)
     EXPECT_FALSE(peer.readable(200));  // no answer to the stray exit
     ASSERT_TRUE(stranger.sendMsg("phone", 1, 502, ""));
     EXPECT_TRUE(r.events.waitFor(502, "phone", 1));
-    EXPECT_EQ(r.server->clientCount(), 1u);
 
     stranger.close();
-    EXPECT_TRUE(vexa_test::wait_log(
-        r.log, "not found ItemClient of sockfd=" + std::to_string(strangerFd) + "."));
+    EXPECT_TRUE(wait_until([&] { return r.server->exitedCount() == 1; }));
     peer.close();
     ASSERT_TRUE(r.events.waitFor(CLIENT_IPC_OFFLINE, "phone", 1));
     const Event offline = r.events.matching(CLIENT_IPC_OFFLINE)[0];
-    EXPECT_TRUE(offline.dataNull);
-    EXPECT_EQ(offline.len, 0);
+    EXPECT_TRUE(offline.dataNull && offline.len == 0);
     EXPECT_NEAR(offline.sec, now_sec(), 60);
-    EXPECT_TRUE(log_has(r.log, "client offline pid=4242 dev=phone test_item=1 socket=" +
-                                   std::to_string(fd) + " result=-1"));
     EXPECT_TRUE(wait_until([&] { return r.server->exitedCount() == 2; }));
     EXPECT_EQ(r.server->clientCount(), 0u);
     std::vector<int32_t> seen;
@@ -248,6 +207,95 @@ TEST(ServerRegistry, EveryPairOfAConnectionEndsWithIt) {
     EXPECT_TRUE(wait_until([&] { return r.server->exitedCount() == 2; }));
     EXPECT_EQ(r.events.matching(CLIENT_IPC_OFFLINE).size(), 3u);
     EXPECT_EQ(r.server->clientCount(), 0u);
+}
+
+// Frames from a deterministic generator: heads of random fields with a
+// length that fits and a random body, then one wholly random head. None of
+// them registers.
+std::string random_frames(uint32_t seed) {
+    uint32_t x = seed * 2654435761u + 1u;
+    const auto next = [&x] {
+        x ^= x << 13;
+        x ^= x >> 17;
+        x ^= x << 5;
+        return static_cast<int32_t>(x);
+    };
+    std::string out;
+    for (int frame = 0, frames = 1 + seed % 5; frame <= frames; ++frame) {
+        std::string dev(80, '\0');
+        for (char& c : dev)
+            c = static_cast<char>(next());
+        const int32_t event = next();
+        const int32_t len = frame < frames ? next() & 0xff : next();
+        out += head_bytes(dev, next(), event == CLIENT_IPC_CONFIG ? 0 : event, next(), next(), len);
+        out += vexa_test::pattern(frame < frames ? static_cast<size_t>(len) : 0, frame);
+    }
+    return out;
+}
+
+// Lengths out of range, a head cut short, a body cut short by a client that
+// dies inside it, random frames: the connection is dropped (nothing
+// resynchronises), a registered peer goes offline once, nothing of it reaches
+// the host, and meanwhile a bystander's messages still do.
+TEST(ServerFaults, BrokenStreamsEndOnlyTheirOwnConnection) {
+    Running r;
+    ASSERT_NE(r.server, nullptr);
+    FramedConn bystander;
+    ASSERT_TRUE(r.join(bystander, "stand", 1));
+    enum End { kKeepOpen, kShutWrite, kClose };
+    const std::string cut = head_bytes("cut", 1, 800, 0, 0, 200000) + vexa_test::pattern(100000);
+    struct Case {
+        std::string dev;  // registers as dev / 1 first when not empty
+        std::string bytes;
+        End end;
+    };
+    std::vector<Case> cases = {
+        {"", head_bytes("liar", 1, 800, 0, 0, -1), kKeepOpen},
+        {"g-huge", head_bytes("g-huge", 1, 800, 0, 0, IPC_MAX_DATA_LEN), kKeepOpen},
+        {"g-max", head_bytes("g-max", 1, 800, 0, 0, INT32_MAX), kKeepOpen},
+        {"g-min", head_bytes("g-min", 1, 800, 0, 0, INT32_MIN), kKeepOpen},
+        {"", std::string(40, 'Z'), kShutWrite},
+        {"cut", cut, kClose},
+        {"", cut, kClose},
+    };
+    for (uint32_t seed = 1; seed <= 4; ++seed)
+        cases.push_back({seed % 2 == 0 ? "g-rand" + std::to_string(seed) : "", random_frames(seed),
+                         kShutWrite});
+    std::set<std::string> registered;
+    size_t talk = 0;
+    for (const Case& c : cases) {
+        SCOPED_TRACE("case " + std::to_string(talk));
+        FramedConn peer;
+        if (c.dev.empty()) {
+            ASSERT_TRUE(peer.connectTo(r.port));
+        } else {
+            ASSERT_TRUE(r.join(peer, c.dev, 1));
+            registered.insert(c.dev);
+        }
+        ASSERT_TRUE(peer.sendRaw(c.bytes));
+        ASSERT_TRUE(bystander.sendMsg("stand", 1, 700, "during"));
+        EXPECT_TRUE(r.events.waitFor(700, "stand", 1, ++talk));
+        if (c.end == kClose) {
+            peer.close();
+        } else {
+            if (c.end == kShutWrite)
+                peer.shutdownWrite();
+            EXPECT_TRUE(peer.waitEof());
+        }
+        if (!c.dev.empty()) {
+            EXPECT_TRUE(r.events.waitFor(CLIENT_IPC_OFFLINE, c.dev.c_str(), 1));
+        }
+    }
+    EXPECT_TRUE(wait_until([&] { return r.server->exitedCount() == static_cast<int>(talk); }));
+    for (const Event& e : r.events.events()) {
+        const bool expected =
+            e.dev == "stand" || (registered.count(e.dev) == 1 &&
+                                 (e.event == CLIENT_IPC_CONFIG || e.event == CLIENT_IPC_OFFLINE));
+        EXPECT_TRUE(expected) << "event " << e.event << " dev=" << e.dev;
+    }
+    EXPECT_EQ(r.events.matching(CLIENT_IPC_OFFLINE).size(), registered.size());
+    EXPECT_EQ(vexa_test::count_log_text(r.log, "msg too big, 512000 >= 512000"), 1);
+    EXPECT_EQ(vexa_test::count_log_text(r.log, "msg too big, 2147483647 >= 512000"), 1);
 }
 
 // A test that stops reading holds up the sends to it and nothing else: while
@@ -294,18 +342,13 @@ TEST(ServerIsolation, AStalledReaderHoldsUpOnlyTheSendsToIt) {
 TEST(ServerListen, ABurstOfConnectsIsTakenInAtOnce) {
     Running r;
     ASSERT_NE(r.server, nullptr);
-    constexpr int kBurst = 200;
+    std::vector<FramedConn> burst(200);
     std::vector<pollfd> pending;
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_port = htons(static_cast<uint16_t>(r.port));
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     const long long start = vexa_test::monotonic_ms();
-    for (int i = 0; i < kBurst; ++i) {
-        const int fd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-        ASSERT_GE(fd, 0);
-        connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
-        pending.push_back(pollfd{fd, POLLOUT, 0});
+    for (FramedConn& conn : burst) {
+        conn.adopt(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+        conn.connectTo(r.port);
+        pending.push_back(pollfd{conn.fd(), POLLOUT, 0});
     }
     size_t connected = 0;
     while (connected < pending.size() && vexa_test::monotonic_ms() - start < 5000) {
@@ -314,11 +357,8 @@ TEST(ServerListen, ABurstOfConnectsIsTakenInAtOnce) {
         for (pollfd& p : pending)
             connected += (p.revents & POLLOUT) != 0 ? 1 : 0;
     }
-    const long long took = vexa_test::monotonic_ms() - start;
-    for (const pollfd& p : pending)
-        close(p.fd);
     EXPECT_EQ(connected, pending.size());
-    EXPECT_LT(took, 900);
+    EXPECT_LT(vexa_test::monotonic_ms() - start, 900);
 }
 
 // CLIENT_IPC_EXIT is answered by one bare head and reported as closed; a
@@ -331,12 +371,9 @@ TEST(ServerExit, ExitIsAnsweredOnceAndTeardownCutsOffTheRest) {
     ASSERT_TRUE(r.join(peer, "phone", 1));
     ASSERT_TRUE(r.join(stays, "phone", 2));
     ASSERT_TRUE(peer.sendMsg("phone", 1, CLIENT_IPC_EXIT, "bye", 111, 222));
-
     WireMsg ack;
     ASSERT_TRUE(peer.readMsg(&ack));
-    EXPECT_EQ(ack.event, CLIENT_IPC_EXIT_ACK);
-    EXPECT_EQ(ack.dev, "phone");
-    EXPECT_EQ(ack.item, 1);
+    EXPECT_TRUE(ack.event == CLIENT_IPC_EXIT_ACK && ack.dev == "phone" && ack.item == 1);
     EXPECT_EQ(ack.len, 0);
     size_t extra = 0;
     EXPECT_TRUE(peer.waitEof(10000, &extra));
@@ -344,12 +381,9 @@ TEST(ServerExit, ExitIsAnsweredOnceAndTeardownCutsOffTheRest) {
 
     ASSERT_TRUE(r.events.waitFor(CLIENT_IPC_CLOSED, "phone", 1));
     const Event closed = r.events.matching(CLIENT_IPC_CLOSED)[0];
-    EXPECT_EQ(closed.sec, 111);
-    EXPECT_EQ(closed.usec, 222);
-    EXPECT_EQ(closed.data, "bye");
+    EXPECT_TRUE(closed.sec == 111 && closed.usec == 222 && closed.data == "bye");
     EXPECT_TRUE(wait_until([&] { return r.server->exitedCount() == 1; }));
     EXPECT_EQ(r.server->clientCount(), 1u);
-    EXPECT_TRUE(log_has(r.log, "client close dev=phone test_item=1"));
 
     r.server.reset();
     EXPECT_TRUE(log_has(r.log, "warning!, has 1 clients not exit"));
@@ -363,38 +397,53 @@ TEST(ServerExit, ExitIsAnsweredOnceAndTeardownCutsOffTheRest) {
 TEST(ServerExit, ReplacingADeadConnectionLeavesItsReusedNumberAlone) {
     Running r;
     ASSERT_NE(r.server, nullptr);
+    // The callback of 700, then of 9006, stalls the loop inside its pass until let go.
+    std::mutex lock;
+    std::condition_variable changed;
+    int stalls = 0;
+    int letGo = 0;
+    r.events.onEvent([&](const Event& e) {
+        if (e.event != 700 && e.event != CLIENT_IPC_OFFLINE)
+            return;
+        std::unique_lock<std::mutex> guard(lock);
+        const int ticket = ++stalls;
+        changed.notify_all();
+        changed.wait_for(guard, std::chrono::seconds(20), [&] { return letGo >= ticket; });
+    });
+    const auto stalled = [&](int n) {
+        std::unique_lock<std::mutex> guard(lock);
+        return changed.wait_for(guard, std::chrono::seconds(10), [&] { return stalls >= n; });
+    };
+    const auto release = [&](int n) {
+        std::lock_guard<std::mutex> guard(lock);
+        letGo = n;
+        changed.notify_all();
+    };
     FramedConn old;
     FramedConn fresh;
     FramedConn pacer;
     FramedConn later;
     ASSERT_TRUE(r.join(old, "phone", 1));
-    const int oldFd = srvtest::accepted_socket(r.log, 0);
+    const int oldFd = r.acceptedSocket(0);
     ASSERT_TRUE(fresh.connectTo(r.port));
     ASSERT_TRUE(r.join(pacer, "pacer", 0));
     ASSERT_TRUE(later.open());  // its own number is taken before oldFd is freed
-
-    // Stall the loop so that the loss and the new registration meet in one pass.
-    r.events.hold(700);
-    r.events.hold(CLIENT_IPC_OFFLINE);
     ASSERT_TRUE(pacer.sendMsg("pacer", 0, 700, ""));
-    ASSERT_TRUE(r.events.waitHeld(1));
+    ASSERT_TRUE(stalled(1));
     old.shutdownWrite();  // keeps this end's number out of the way
     ASSERT_TRUE(fresh.registerAs("phone", 1, 5555));
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    r.events.release();
-
+    release(1);
     // The loss is reported while the pass is under way; a new connection
     // arriving now gets the number just closed.
-    ASSERT_TRUE(r.events.waitHeld(2));
+    ASSERT_TRUE(stalled(2));
     ASSERT_TRUE(later.connectTo(r.port));
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    const int laterFd = srvtest::accepted_socket(r.log, 3);
-    r.events.unhold();
+    const int laterFd = r.acceptedSocket(3);
+    release(1000);
     if (laterFd != oldFd)
         GTEST_SKIP() << "socket number " << oldFd << " was not reused (got " << laterFd << ")";
-
     ASSERT_TRUE(r.events.waitFor(CLIENT_IPC_CONFIG, "phone", 1, 2));
-    EXPECT_TRUE(log_has(r.log, "overwrite. remove socket=" + std::to_string(oldFd)));
     EXPECT_FALSE(later.readable(300)) << "the connection that reused the number was closed";
     ASSERT_TRUE(later.registerAs("later", 5, 6666));
     EXPECT_TRUE(r.events.waitFor(CLIENT_IPC_CONFIG, "later", 5));
@@ -402,73 +451,6 @@ TEST(ServerExit, ReplacingADeadConnectionLeavesItsReusedNumberAlone) {
     WireMsg msg;
     ASSERT_TRUE(fresh.readMsg(&msg));
     EXPECT_EQ(msg.event, 42);
-    EXPECT_EQ(r.server->exitedCount(), 1);
-}
-
-// A host thread sends commands all the time while clients come, talk and
-// leave. Every message of every client reaches the host in order, and every
-// command send_command reported as written reaches its client in order.
-TEST(ServerStress, CommandsAndClientsInParallel) {
-    constexpr int kClients = 20;
-    constexpr int32_t kMessages = 50;
-    constexpr int32_t kCommand = 5000;
-    constexpr int32_t kTalk = 100;
-    Running r;
-    ASSERT_NE(r.server, nullptr);
-    std::atomic<bool> hostDone{false};
-    std::vector<int32_t> written(kClients, 0);  // host thread only until joined
-    std::thread host([&] {
-        while (!hostDone) {
-            for (int i = 0; i < kClients; ++i) {
-                const int32_t seq = written[i];
-                written[i] += r.server->send_command("stress", i, kCommand, &seq, sizeof(seq));
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        }
-    });
-    // Each client thread writes only its own slot: the commands in order,
-    // then the acks; -1 when a command came out of order.
-    std::vector<int32_t> received(kClients, 0);
-    std::vector<int> acks(kClients, 0);
-    std::vector<std::thread> clients;
-    for (int i = 0; i < kClients; ++i) {
-        clients.emplace_back([&, i] {
-            FramedConn peer;
-            WireMsg msg;
-            // The first command shows that the registration went through.
-            bool ok = peer.connectTo(r.port) && peer.registerAs("stress", i, 1000 + i) &&
-                      peer.readMsg(&msg, 20000);
-            for (int32_t k = 0; ok && k < kMessages; ++k)
-                ok = peer.sendMsg("stress", i, kTalk, std::string(reinterpret_cast<char*>(&k), 4));
-            ok = ok && peer.sendMsg("stress", i, CLIENT_IPC_EXIT, "");
-            EXPECT_TRUE(ok) << "client " << i;
-            for (bool more = ok; more; more = peer.readMsg(&msg, 20000)) {
-                acks[i] += msg.event == CLIENT_IPC_EXIT_ACK;
-                if (msg.event == kCommand && received[i] >= 0)
-                    received[i] = srvtest::native32(msg.data) == received[i] ? received[i] + 1 : -1;
-            }
-        });
-    }
-    for (std::thread& t : clients)
-        t.join();
-    hostDone = true;
-    host.join();
-
-    for (int i = 0; i < kClients; ++i) {
-        SCOPED_TRACE("client " + std::to_string(i));
-        EXPECT_EQ(received[i], written[i]);
-        EXPECT_EQ(acks[i], 1);
-        ASSERT_TRUE(r.events.waitFor(CLIENT_IPC_CLOSED, "stress", i));
-        const std::vector<Event> talk = r.events.matching(kTalk, "stress", i);
-        ASSERT_EQ(talk.size(), static_cast<size_t>(kMessages));
-        for (int32_t k = 0; k < kMessages; ++k)
-            EXPECT_EQ(srvtest::native32(talk[k].data), k);
-        EXPECT_EQ(r.events.matching(CLIENT_IPC_CONFIG, "stress", i).size(), 1u);
-        EXPECT_EQ(r.events.matching(CLIENT_IPC_CLOSED, "stress", i).size(), 1u);
-    }
-    EXPECT_TRUE(r.events.matching(CLIENT_IPC_OFFLINE).empty());
-    // The last removal follows the last 9005 call.
-    EXPECT_TRUE(wait_until([&] { return r.server->clientCount() == 0; }));
 }
 
 }  // namespace

@@ -10,14 +10,14 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "running_server.h"
 #include "server/ipcserver.h"
-#include "server_test_util.h"
-#include "support/test_support.h"
 
 namespace {
 
@@ -64,7 +64,7 @@ TEST(LaunchPlan, CommandLinesOfEveryPrefixForm) {
 // The emulator that runs this build's programs; empty natively.
 const std::string kDirect = VEXA_TEST_EMULATOR;
 const bool kEmulated = !kDirect.empty();
-const std::string kPeer = SERVER_TEST_PEER;
+const std::string kPeer = VEXA_PEER_PROGRAM;
 
 // The su prefix that starts `program` (through the emulator in cross builds).
 std::string prefix_running(const std::string& program) {
@@ -81,15 +81,17 @@ class Launch : public testing::Test {
                               30000);
     }
 
-    // The arguments the recording program wrote; it is reaped and its record removed.
+    // The arguments the recording program wrote; it is reaped and its record
+    // removed. The sockets it inherited are kept in `inherited`.
     Words recorded() {
         EXPECT_TRUE(vexa_test::wait_until([&] { return !vexa_test::read_file(file).empty(); }));
         Words lines = vexa_test::read_lines(file);
         std::remove(file.c_str());
-        if (lines.empty())
-            return lines;
+        if (lines.size() < 2)
+            return Words();
         waitpid(static_cast<pid_t>(std::atoi(lines[0].c_str())), nullptr, 0);
-        return Words(lines.begin() + 1, lines.end());
+        inherited = std::atoi(lines.back().c_str() + std::strlen("sockets "));
+        return Words(lines.begin() + 1, lines.end() - 1);
     }
 
     // Argument vector with element 0 dropped, which the emulator changes.
@@ -101,36 +103,30 @@ class Launch : public testing::Test {
     const std::string file = dir.file("argv");
     vexa_test::ScopedEnv record{"VEXA_TEST_ARGV_FILE", file.c_str()};
     srvtest::Running r;
+    int inherited = -1;
 };
 
+// The plans above, through the real launch: a pre-command reaches the prefix
+// as one argument.
 TEST_F(Launch, LaunchedProgramsReceiveTheirCommandLines) {
     ASSERT_NE(r.server, nullptr);
     const std::string t1 = "/data/local/tmp/t1";
-    r.server->set_su_file_path(prefix_running(kPeer).c_str(), "");
-    EXPECT_EQ(r.server->run_test(t1.c_str(), "dev1", "a \"b c\" d"), 1);
-    const Words argv = recorded();
-    EXPECT_EQ(tail(argv), (Words{t1, "-t", r.address(), "-d", "dev1", "a", "b c", "d"}));
-    if (!kEmulated && !argv.empty()) {
-        EXPECT_EQ(argv[0], "server_test_peer");
-    }
+    r.server->set_su_file_path((prefix_running(kPeer) + " -c").c_str(), "cd /data/local/tmp");
+    EXPECT_EQ(r.server->run_test(t1.c_str(), "dev1", nullptr), 1);
+    EXPECT_EQ(tail(recorded()),
+              (Words{"-c", "cd /data/local/tmp; " + t1 + " -t " + r.address() + " -d dev1"}));
     EXPECT_FALSE(r.server->testSoLoaded());
     EXPECT_TRUE(vexa_test::log_has(
         r.log, "run_test ok, ppid=" + std::to_string(getpid()) +
                    " pthreadid=" + std::to_string(static_cast<unsigned long>(pthread_self()))));
 
-    // A pre-command reaches the prefix as one argument.
-    r.server->set_su_file_path((prefix_running(kPeer) + " -c").c_str(), "cd /data/local/tmp");
-    r.server->run_test(t1.c_str(), "dev1", nullptr);
-    EXPECT_EQ(tail(recorded()),
-              (Words{"-c", "cd /data/local/tmp; " + t1 + " -t " + r.address() + " -d dev1"}));
-
     // A bare prefix is looked up in PATH (in cross builds the emulator is what
     // the prefix names).
     if (!kEmulated) {
         vexa_test::ScopedEnv path("PATH", kPeer.substr(0, kPeer.rfind('/')).c_str());
-        r.server->set_su_file_path("server_test_peer", "");
+        r.server->set_su_file_path("vexa_peer_program", "");
         r.server->run_test(t1.c_str(), nullptr, nullptr);
-        EXPECT_EQ(recorded(), (Words{"server_test_peer", t1, "-t", r.address()}));
+        EXPECT_EQ(recorded(), (Words{"vexa_peer_program", t1, "-t", r.address()}));
     }
 }
 
@@ -163,11 +159,11 @@ TEST_F(Launch, LaunchedProgramsAndOnlyThoseAreReaped) {
     ASSERT_GT(own, 0);
     r.server->set_su_file_path(kDirect.c_str(), "");
     r.server->run_test(TEST_LIB_FULL, nullptr, nullptr);
-    r.server->run_test(kPeer.c_str(), "zdev", "--connect --item 7 --exit");
+    r.server->run_test(kPeer.c_str(), "zdev", "--client 7 --exit");
     r.server->run_test(kPeer.c_str(), "silent", nullptr);  // never connects
 
     ASSERT_TRUE(r.events.waitFor(CLIENT_IPC_CONFIG, "zdev", 7, 1, 20000));
-    const int32_t pid = srvtest::native32(r.events.matching(CLIENT_IPC_CONFIG)[0].data);
+    const int32_t pid = vexa_test::native32(r.events.matching(CLIENT_IPC_CONFIG)[0].data);
     ASSERT_GT(pid, 0);
     EXPECT_TRUE(r.events.waitFor(CLIENT_IPC_OFFLINE, "zdev", 7));
     ASSERT_TRUE(vexa_test::wait_log(r.log, "waitpid pid=" + std::to_string(pid)));
@@ -187,35 +183,16 @@ TEST_F(Launch, LaunchedProgramsAndOnlyThoseAreReaped) {
     EXPECT_EQ(waitpid(own, nullptr, 0), own) << "the host's own child was reaped by the server";
 }
 
-// The second test must not inherit the server's end of the first one's
-// connection: each child lingers after the end of its stream, so an inherited
-// socket would keep the other's connection open for that long.
-TEST_F(Launch, LaunchedTestsSeeTheirConnectionsEndAtTeardown) {
+// A launched program inherits none of the server's sockets: neither the
+// listening one nor those of the connected tests.
+TEST_F(Launch, LaunchedProgramsInheritNoSocket) {
     ASSERT_NE(r.server, nullptr);
+    vexa_test::FramedConn test;
+    ASSERT_TRUE(r.join(test, "held", 1));
     r.server->set_su_file_path(kDirect.c_str(), "");
-    std::vector<int32_t> pids;
-    for (int item = 1; item <= 2; ++item) {
-        const std::string extra = "--connect --item " + std::to_string(item) + " --eof-marker " +
-                                  dir.file("eof" + std::to_string(item)) + " --linger-ms 30000";
-        r.server->run_test(kPeer.c_str(), "two", extra.c_str());
-        ASSERT_TRUE(r.events.waitFor(CLIENT_IPC_CONFIG, "two", item, 1, 20000));
-        pids.push_back(
-            srvtest::native32(r.events.matching(CLIENT_IPC_CONFIG, "two", item)[0].data));
-    }
-
-    r.server.reset();
-    const auto ended = [&](int item) {
-        return access(dir.file("eof" + std::to_string(item)).c_str(), F_OK) == 0;
-    };
-    EXPECT_TRUE(vexa_test::wait_until([&] { return ended(1) && ended(2); }, 5000));
-    EXPECT_TRUE(ended(1));
-    EXPECT_TRUE(ended(2));
-    for (int32_t pid : pids) {
-        if (pid > 0) {
-            kill(pid, SIGKILL);
-            waitpid(pid, nullptr, 0);
-        }
-    }
+    r.server->run_test(kPeer.c_str(), nullptr, nullptr);
+    EXPECT_FALSE(recorded().empty());
+    EXPECT_EQ(inherited, 0);
 }
 
 }  // namespace

@@ -12,8 +12,8 @@
 
 #include <gtest/gtest.h>
 
+#include "running_server.h"
 #include "server/ipcserver.h"
-#include "server_test_util.h"
 #include "support/test_support.h"
 
 namespace {
@@ -75,7 +75,7 @@ TEST(Library, EntryPointsGetTheirArgumentsAndAreReleasedAtTeardown) {
         if (!c.line.empty()) {
             EXPECT_TRUE(vexa_test::log_has(r.log, c.line));
         }
-        EXPECT_EQ(vexa_test::line_starting(vexa_test::log_texts(r.log), "run_test ok"), "");
+        EXPECT_EQ(vexa_test::count_log_prefix(r.log, "run_test ok"), 0);
 
         r.server.reset();
         EXPECT_EQ(vexa::SoLoader::m_hDllLib.load(), nullptr);

@@ -35,13 +35,6 @@ int CallbackLog::callback(void* user, int32_t item, int32_t event, const char* d
     lock.lock();
     self->m_events.push_back(e);
     self->m_changed.notify_all();
-    const std::vector<int32_t>& holds = self->m_holdEvents;
-    if (std::find(holds.begin(), holds.end(), event) != holds.end()) {
-        const size_t ticket = ++self->m_held;
-        self->m_changed.notify_all();
-        self->m_changed.wait_for(lock, std::chrono::seconds(20),
-                                 [&] { return self->m_released >= ticket; });
-    }
     return 0;
 }
 
@@ -71,29 +64,6 @@ bool CallbackLog::waitFor(int32_t eventId, const char* dev, int32_t item, size_t
 void CallbackLog::onEvent(std::function<void(const Event&)> hook) {
     std::lock_guard<std::mutex> guard(m_lock);
     m_hook = std::move(hook);
-}
-
-void CallbackLog::hold(int32_t eventId) {
-    std::lock_guard<std::mutex> guard(m_lock);
-    m_holdEvents.push_back(eventId);
-}
-
-bool CallbackLog::waitHeld(size_t count) {
-    std::unique_lock<std::mutex> lock(m_lock);
-    return m_changed.wait_for(lock, std::chrono::seconds(10), [&] { return m_held >= count; });
-}
-
-void CallbackLog::release() {
-    std::lock_guard<std::mutex> guard(m_lock);
-    ++m_released;
-    m_changed.notify_all();
-}
-
-void CallbackLog::unhold() {
-    std::lock_guard<std::mutex> guard(m_lock);
-    m_holdEvents.clear();
-    m_released = m_held;
-    m_changed.notify_all();
 }
 
 }  // namespace vexa_test

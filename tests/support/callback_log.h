@@ -37,26 +37,14 @@ class CallbackLog {
     std::vector<Event> matching(int32_t eventId, const char* dev = nullptr, int32_t item = 0);
     // Waits until at least `count` calls match; false after timeoutMs.
     bool waitFor(int32_t eventId, const char* dev = nullptr, int32_t item = 0, size_t count = 1,
-                 int timeoutMs = 10000);
-    // From now on, every call with this event id is recorded and then blocks
-    // the endpoint's thread until release() is called once for it (or 20 s
-    // pass). waitHeld waits until `count` calls have blocked in total;
-    // unhold stops holding and lets every blocked call go on.
-    void hold(int32_t eventId);
-    bool waitHeld(size_t count);
-    void release();
-    void unhold();
-
+                 int timeoutMs = 20000);
     void onEvent(std::function<void(const Event&)> hook);
 
   private:
     std::function<void(const Event&)> m_hook;  // guarded by m_lock
     std::mutex m_lock;
     std::condition_variable m_changed;
-    std::vector<Event> m_events;        // guarded by m_lock
-    std::vector<int32_t> m_holdEvents;  // guarded by m_lock
-    size_t m_held = 0;                  // guarded by m_lock
-    size_t m_released = 0;              // guarded by m_lock
+    std::vector<Event> m_events;  // guarded by m_lock
 };
 
 }  // namespace vexa_test

@@ -74,6 +74,13 @@ std::string head_bytes(const std::string& dev, int32_t item, int32_t event, int3
     return bytes;
 }
 
+int32_t native32(const std::string& bytes) {
+    int32_t value = -1;
+    if (bytes.size() >= sizeof(value))
+        std::memcpy(&value, bytes.data(), sizeof(value));
+    return value;
+}
+
 int32_t get_be32(const std::string& bytes, size_t at) {
     uint32_t value = 0;
     for (size_t i = 0; i < 4; ++i)
@@ -191,17 +198,17 @@ int Listener::accept(int timeoutMs) {
     return readable(m_fd, timeoutMs) ? accept4(m_fd, nullptr, nullptr, SOCK_CLOEXEC) : -1;
 }
 
-FrameReader::FrameReader(const std::string& logPath)
-    : path(logPath), logger(logPath, true, true, true, 0), m_buffer(IPC_MAX_DATA_LEN, '\x7f') {
-    util.mysock_init_with_logger(&logger);
-    msg.data = m_buffer.data();
-}
-
-std::vector<std::string> FrameReader::lines() const {
-    std::vector<std::string> texts = log_texts(path);
-    if (!texts.empty() && texts[0] == "SocketUtil:mysock_init_with_logger")
-        texts.erase(texts.begin());
-    return texts;
-}
-
 }  // namespace vexa_test
+
+int vexa_free_loopback_port(void) {
+    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in addr = vexa_test::loopback(0);
+    socklen_t len = sizeof(addr);
+    int port = -1;
+    if (bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0 &&
+        getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len) == 0) {
+        port = ntohs(addr.sin_port);
+    }
+    close(fd);
+    return port;
+}

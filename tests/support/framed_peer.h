@@ -1,6 +1,6 @@
-// Raw peers for the endpoint tests: a socket pair, heads written out byte by
-// byte (never with the library's encoder), a framed TCP connection, a loopback
-// listener and a frame reader that logs to a file of its own.
+// Raw peers, free of GoogleTest and of the library's internals: loopback
+// ports, a socket pair, heads written out byte by byte (never with the
+// library's encoder), a framed TCP connection and a loopback listener.
 #ifndef VEXA_TESTS_SUPPORT_FRAMED_PEER_H
 #define VEXA_TESTS_SUPPORT_FRAMED_PEER_H
 
@@ -9,11 +9,14 @@
 #include <string>
 #include <vector>
 
-#include "comm/logger.h"
-#include "core/ipc_message.h"
-#include "net/socket_util.h"
+#include "support/loopback_port.h"
+#include "vexatool.h"
 
 namespace vexa_test {
+
+inline int free_loopback_port() {
+    return vexa_free_loopback_port();
+}
 
 // A connected AF_UNIX stream pair; open ends close with the scope.
 struct SocketPair {
@@ -31,6 +34,9 @@ struct SocketPair {
 // bytes), then the integers big-endian.
 std::string head_bytes(const std::string& dev, int32_t item, int32_t event, int32_t sec,
                        int32_t usec, int32_t len);
+// The int32 in native byte order at the start of `bytes` (a pid, a reason
+// code), -1 when there are fewer than 4 bytes.
+int32_t native32(const std::string& bytes);
 // The big-endian integer at `at`.
 int32_t get_be32(const std::string& bytes, size_t at);
 // `size` bytes that are never NUL and differ with `seed`.
@@ -101,25 +107,6 @@ class Listener {
   private:
     int m_fd = -1;
     int m_port = 0;
-};
-
-// A SocketUtil with a log file of its own, and the library's frame reader
-// filling a body buffer prefilled with 0x7f, so that a missing NUL shows.
-class FrameReader {
-  public:
-    explicit FrameReader(const std::string& logPath);
-    bool read(int fd) { return vexa::readMsgFromSocket(&util, fd, &msg, &logger, &noStop); }
-    // The log's texts after the init line.
-    std::vector<std::string> lines() const;
-
-    std::string path;
-    comm::Logger logger;
-    vexa::SocketUtil util;
-    vexa::StopFlag noStop{0};
-    vexa::IPCMessage msg{};
-
-  private:
-    std::vector<char> m_buffer;
 };
 
 }  // namespace vexa_test

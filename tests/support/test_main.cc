@@ -1,17 +1,25 @@
-// Main of every test binary that links the internal library: it gives the
-// process a private sandbox directory for the common log and the endpoint logs,
-// so that CTest can run the binaries in parallel.
+// Main of every test binary that links the internal library: the process gets
+// a private sandbox for its temporary directories, the common log and the
+// endpoint logs (also of the programs it launches), so that CTest can run the
+// binaries in parallel.
+#include <cstdlib>
+#include <string>
+
 #include <gtest/gtest.h>
 
-namespace vexa_test {
-void init_sandbox(const char* programName);
-void remove_sandbox();
-}  // namespace vexa_test
+#include "core/log_dir.h"
+#include "support/test_support.h"
 
 int main(int argc, char** argv) {
     testing::InitGoogleTest(&argc, argv);
-    vexa_test::init_sandbox(argv[0]);
-    int rc = RUN_ALL_TESTS();
-    vexa_test::remove_sandbox();
+    const std::string name = argv[0];
+    const vexa_test::TempDir sandbox("vexa-" + name.substr(name.rfind('/') + 1) + "-");
+    vexa_test::set_temp_root(sandbox.path());
+    vexa_test::make_dirs(sandbox.path() + "qz/");
+    vexa_test::make_dirs(vexa_test::endpoint_dir());
+    setenv("QZ_LOGPATH", (sandbox.path() + "qz/").c_str(), 1);
+    setenv("VEXA_TEST_ENDPOINT_LOG_DIR", vexa_test::endpoint_dir().c_str(), 1);
+    vexa::set_endpoint_log_dir_for_testing(vexa_test::endpoint_dir());
+    const int rc = RUN_ALL_TESTS();
     return rc;
 }

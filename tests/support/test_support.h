@@ -1,7 +1,10 @@
-// Helpers shared by the test binaries: private temporary directories, scoped
-// environment variables, files and log lines, free loopback ports and waits.
+// Helpers of every test binary, the tool test and the benchmark, free of
+// GoogleTest and of the library's internals: temporary directories, scoped
+// environment variables, files and log lines, waits, and child processes.
 #ifndef VEXA_TESTS_SUPPORT_TEST_SUPPORT_H
 #define VEXA_TESTS_SUPPORT_TEST_SUPPORT_H
+
+#include <sys/types.h>
 
 #include <functional>
 #include <string>
@@ -9,15 +12,16 @@
 
 namespace vexa_test {
 
-// Directory of the endpoints' logs and marker files in this process's
-// private sandbox, which the test main makes before any test runs and
-// removes after the last one.
+// The directory below which TempDir makes its directories: the sandbox of a
+// binary with the sandbox main (support/test_main.cc), else $TMPDIR or /tmp.
+void set_temp_root(const std::string& dir);
+// Directory of the endpoints' logs and marker files in the sandbox.
 std::string endpoint_dir();
 
-// A fresh directory below the sandbox, removed with everything in it.
+// A fresh directory, removed with everything in it.
 class TempDir {
   public:
-    TempDir();
+    explicit TempDir(const std::string& prefix = "t");
     ~TempDir();
     TempDir(const TempDir&) = delete;
     TempDir& operator=(const TempDir&) = delete;
@@ -46,35 +50,67 @@ class ScopedEnv {
 
 // Makes `path` and any missing parents; true when it exists afterwards.
 bool make_dirs(const std::string& path);
+// Removes a directory tree, or a file.
+void remove_tree(const std::string& path);
 // The whole file, "" when it cannot be read.
 std::string read_file(const std::string& path);
 // The file's lines without their newline characters.
 std::vector<std::string> read_lines(const std::string& path);
-// Writes `text` to `path`, replacing it.
 void write_file(const std::string& path, const std::string& text);
+bool file_exists(const std::string& path);
 
 // The lines with their leading "YYYY/MM/DD hh:mm:ss.mmm " stamp removed.
 std::vector<std::string> log_texts(const std::string& path);
 // How many log lines have exactly this text after the stamp.
 int count_log_text(const std::string& path, const std::string& text);
+// How many log lines start with this text after the stamp.
+int count_log_prefix(const std::string& path, const std::string& prefix);
 bool log_has(const std::string& path, const std::string& text);
-// Waits until the log at `path` has a line with exactly this text.
 bool wait_log(const std::string& path, const std::string& text, int timeoutMs = 10000);
-// The first of `lines` that starts with `prefix`, "" when none does.
-std::string line_starting(const std::vector<std::string>& lines, const std::string& prefix);
 // Whether `expected` appear in `lines` in this order, others possibly between.
 bool in_order(const std::vector<std::string>& lines, const std::vector<std::string>& expected);
 // Whether `text` has this shape: '9' stands for any digit, every other
 // character for itself.
 bool has_shape(const std::string& text, const std::string& shape);
 
-// A TCP port on 127.0.0.1 that was free a moment ago.
-int free_loopback_port();
 // Polls `condition` every few milliseconds; true once it holds, false after
 // `timeoutMs`. Time limits in tests are generous: machines are shared.
 bool wait_until(const std::function<bool()>& condition, int timeoutMs = 10000);
-// Milliseconds of the monotonic clock.
 long long monotonic_ms();
+// The blank-separated words of `text` (an emulator's command line, say).
+std::vector<std::string> words(const std::string& text);
+
+// A program started with posix_spawn: standard input from a pipe, standard
+// output and error into files of `dir`, `env` (NAME=VALUE) over this
+// process's environment. Killed and reaped with the object.
+class Child {
+  public:
+    Child(const std::vector<std::string>& argv, const std::string& dir,
+          const std::vector<std::string>& env = {});
+    ~Child();
+    Child(const Child&) = delete;
+    Child& operator=(const Child&) = delete;
+
+    bool started() const { return m_pid > 0; }
+    pid_t pid() const { return m_pid; }
+    bool type(const std::string& text);
+    void closeInput();
+    std::string out() const { return read_file(m_out); }
+    std::string err() const { return read_file(m_err); }
+    bool waitForOutput(const std::string& needle, int timeoutMs = 60000) const;
+    // The exit status; -1 when the child did not exit by itself in time (it is
+    // then killed) or somebody else reaped it.
+    int wait(int timeoutMs = 60000);
+    // SIGKILL and reap; the raw wait status, -1 when somebody else reaped it.
+    int kill();
+    void signal(int signo);
+
+  private:
+    std::string m_out;
+    std::string m_err;
+    pid_t m_pid = -1;
+    int m_input = -1;
+};
 
 }  // namespace vexa_test
 
