@@ -250,6 +250,7 @@ bool IPCServer::processOnce() {
         epoll_wait(m_epoll, m_events.data(), static_cast<int>(m_events.size()), waitMs);
     if (events <= 0 && m_pending.empty()) {
         removeConnections();  // given up by serviceLingering
+        m_removeList.clear();
         return true;
     }
     collectReady(events);
@@ -258,6 +259,9 @@ bool IPCServer::processOnce() {
     }
     removeConnections();
     mergeSideInput();
+    // Last: the side input above may still point at a connection removed in
+    // this pass, and what is removed must not wait for the next pass to go.
+    m_removeList.clear();
     return true;
 }
 

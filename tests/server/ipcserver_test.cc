@@ -204,8 +204,16 @@ TEST(ServerRegistry, EveryPairOfAConnectionEndsWithIt) {
     ASSERT_TRUE(r.join(next, "c", 3));
     next.close();
     EXPECT_TRUE(r.events.waitFor(CLIENT_IPC_OFFLINE, "c", 3));
-    EXPECT_TRUE(wait_until([&] { return r.server->exitedCount() == 2; }));
-    EXPECT_EQ(r.events.matching(CLIENT_IPC_OFFLINE).size(), 3u);
+    // Registering a pair again drops its connection: the pair goes silently,
+    // the connection's other pair with a 9006.
+    FramedConn again;
+    ASSERT_TRUE(r.join(again, "d", 4));
+    ASSERT_TRUE(again.registerAs("e", 5));
+    ASSERT_TRUE(again.registerAs("d", 4));
+    EXPECT_TRUE(again.waitEof());
+    EXPECT_TRUE(r.events.waitFor(CLIENT_IPC_OFFLINE, "e", 5));
+    EXPECT_TRUE(wait_until([&] { return r.server->exitedCount() == 3; }));
+    EXPECT_EQ(r.events.matching(CLIENT_IPC_OFFLINE).size(), 4u);
     EXPECT_EQ(r.server->clientCount(), 0u);
 }
 
@@ -335,6 +343,28 @@ TEST(ServerIsolation, AStalledReaderHoldsUpOnlyTheSendsToIt) {
     const size_t whole = vexa::IPC_HEAD_SIZE + IPC_MAX_DATA_LEN - 1;
     EXPECT_EQ(received / whole, written);
     EXPECT_NE(received % whole, 0u);
+}
+
+// Released while a host thread waits to send to a test that does not read:
+// the release ends that send at once (false) and waits for it to return, so
+// the thread never touches the released server.
+TEST(ServerIsolation, AReleaseEndsASendUnderWay) {
+    Running r;
+    ASSERT_NE(r.server, nullptr);
+    FramedConn stalled;
+    ASSERT_TRUE(r.join(stalled, "stalled", 1));
+    const std::string body = vexa_test::pattern(IPC_MAX_DATA_LEN - 1);
+    vexa::IPCServer* server = r.server.get();
+    std::thread host([&] {
+        while (server->send_command("stalled", 1, 500, body.data(), IPC_MAX_DATA_LEN - 1)) {
+        }
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));  // the buffers fill up
+    const long long start = vexa_test::monotonic_ms();
+    r.server.reset();
+    // Within a second a wait's slice would notice the stop; the wake is at once.
+    EXPECT_LT(vexa_test::monotonic_ms() - start, 400);
+    host.join();
 }
 
 // A burst of connecting tests is taken in at once: no connect waits for its

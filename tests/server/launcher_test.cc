@@ -159,20 +159,23 @@ TEST_F(Launch, LaunchedProgramsAndOnlyThoseAreReaped) {
     ASSERT_GT(own, 0);
     r.server->set_su_file_path(kDirect.c_str(), "");
     r.server->run_test(TEST_LIB_FULL, nullptr, nullptr);
-    r.server->run_test(kPeer.c_str(), "zdev", "--client 7 --exit");
-    r.server->run_test(kPeer.c_str(), "silent", nullptr);  // never connects
-
-    ASSERT_TRUE(r.events.waitFor(CLIENT_IPC_CONFIG, "zdev", 7, 1, 20000));
-    const int32_t pid = vexa_test::native32(r.events.matching(CLIENT_IPC_CONFIG)[0].data);
-    ASSERT_GT(pid, 0);
-    EXPECT_TRUE(r.events.waitFor(CLIENT_IPC_OFFLINE, "zdev", 7));
-    ASSERT_TRUE(vexa_test::wait_log(r.log, "waitpid pid=" + std::to_string(pid)));
     const auto reaped = [&] {
         int lines = 0;
         for (const std::string& text : vexa_test::log_texts(r.log))
             lines += text.compare(0, 12, "waitpid pid=") == 0 ? 1 : 0;
         return lines;
     };
+    // Launched while the loop sleeps without a time limit (no client yet):
+    // the launch must wake it.
+    r.server->run_test(kPeer.c_str(), "silent", nullptr);  // never connects
+    EXPECT_TRUE(vexa_test::wait_until([&] { return reaped() == 1; }));
+    r.server->run_test(kPeer.c_str(), "zdev", "--client 7 --exit");
+
+    ASSERT_TRUE(r.events.waitFor(CLIENT_IPC_CONFIG, "zdev", 7, 1, 20000));
+    const int32_t pid = vexa_test::native32(r.events.matching(CLIENT_IPC_CONFIG)[0].data);
+    ASSERT_GT(pid, 0);
+    EXPECT_TRUE(r.events.waitFor(CLIENT_IPC_OFFLINE, "zdev", 7));
+    ASSERT_TRUE(vexa_test::wait_log(r.log, "waitpid pid=" + std::to_string(pid)));
     EXPECT_TRUE(vexa_test::wait_until([&] { return reaped() == 2; }));
     usleep(100 * 1000);
     EXPECT_EQ(reaped(), 2);
