@@ -120,8 +120,8 @@ std::vector<std::string> read_buffered(const uint8_t* data, size_t size, Reader&
     bool ended = false;
     for (bool refused = false; !refused;) {
         if (sent < size) {
-            const ssize_t n = send(fds[1], data + sent, std::min(chunks.next(), size - sent),
-                                   MSG_NOSIGNAL);
+            const ssize_t n =
+                send(fds[1], data + sent, std::min(chunks.next(), size - sent), MSG_NOSIGNAL);
             sent += n > 0 ? static_cast<size_t>(n) : 0;
         } else if (!ended) {
             shutdown(fds[1], SHUT_WR);
@@ -130,7 +130,8 @@ std::vector<std::string> read_buffered(const uint8_t* data, size_t size, Reader&
         buffer.takeIn(fds[0]);
         for (;;) {
             vexa::IPCMessage msg{};
-            const vexa::MessageBuffer::Next next = buffer.next(&msg, &r.bufferedLogger, r.bufferedUtil);
+            const vexa::MessageBuffer::Next next =
+                buffer.next(&msg, &r.bufferedLogger, r.bufferedUtil);
             if (next == vexa::MessageBuffer::Next::kMessage) {
                 FUZZ_CHECK(msg.data[msg.data_len] == '\0');
                 messages.push_back(flatten(msg));

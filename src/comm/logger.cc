@@ -89,8 +89,8 @@ void Logger::open(const std::string& path, bool enabled, bool append, bool flush
     }
     // "e": the log must not be inherited by launched test programs.
     m_file = std::fopen(path.c_str(), append ? "ate" : "wte");
-    m_toAndroidLog = (m_file == nullptr || env_get_bool("VEXA_LOGCAT", false)) &&
-                     android_log_write() != nullptr;
+    m_toAndroidLog =
+        (m_file == nullptr || env_get_bool("VEXA_LOGCAT", false)) && android_log_write() != nullptr;
     if (m_file == nullptr && !m_toAndroidLog) {
         m_enabled = false;
         return;

@@ -49,9 +49,9 @@ TEST(Logger, LineIsLocalStampBlankTextNewline) {
         logger.writeFormat("%s", std::string(6000, 'z').c_str());
     }
     const std::string stamp = "9999/99/99 99:99:99.999 ";
-    EXPECT_TRUE(vexa_test::has_shape(vexa_test::read_file(path),
-                                     stamp + "plain text\n" + stamp + "n=7 s=x\n" + stamp +
-                                         std::string(5118, 'z') + "\n"));
+    EXPECT_TRUE(vexa_test::has_shape(
+        vexa_test::read_file(path),
+        stamp + "plain text\n" + stamp + "n=7 s=x\n" + stamp + std::string(5118, 'z') + "\n"));
 }
 
 // Only "0" turns a switch off; with printing off the file is left alone.
