@@ -80,7 +80,9 @@ Connection::SendTurn::~SendTurn() {
     }
     m_conn.serviceHeld();
     comm::mutex_unlock(m_conn.m_sendLock, kLockSource, kUnlockLine);
-    m_conn.afterRelease();
+    // A request made while the lock was held found it taken and left its work
+    // to this holder, who may have looked before the request came: look again.
+    m_conn.service();
 }
 
 bool Connection::SendTurn::write(SocketUtil& util, comm::Logger* logger, const uint8_t* head,
@@ -201,16 +203,6 @@ void Connection::serviceHeld() {
         m_closed = true;
     }
     m_serviceWanted = !m_queued.empty();
-}
-
-void Connection::afterRelease() {
-    // A request made while the lock was held found it taken and left its work
-    // to the holder, who may have looked before the request came: look again.
-    // Whoever holds the lock now looks when it lets go.
-    if (m_serviceWanted.load() && comm::mutex_trylock(m_sendLock)) {
-        serviceHeld();
-        comm::mutex_unlock(m_sendLock, kLockSource, kUnlockLine);
-    }
 }
 
 void Connection::shutDown() {

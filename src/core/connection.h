@@ -49,8 +49,6 @@ class Connection : public std::enable_shared_from_this<Connection> {
     bool isOpen() const { return !m_closing.load() && !m_broken.load(); }
     // Asked to close (it may still be sending a queued answer).
     bool closing() const { return m_closing.load(); }
-    // The descriptor has been closed.
-    bool closed() const { return m_closed.load(); }
 
     // The received bytes; the processing thread's alone.
     MessageBuffer& input() { return m_input; }
@@ -100,9 +98,6 @@ class Connection : public std::enable_shared_from_this<Connection> {
   private:
     // With the send lock held: queued bytes, then the close.
     void serviceHeld();
-    // After the send lock was let go: takes it again if something was asked
-    // meanwhile, so that a request made while it was held is never lost.
-    void afterRelease();
     // Shuts the socket down while its number is surely still this socket's.
     void shutDown();
 

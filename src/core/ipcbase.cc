@@ -18,6 +18,21 @@ void throw_failure() {
 }  // namespace comm
 
 namespace vexa {
+namespace {
+
+// The endpoint whose processing thread this is, if any.
+thread_local const IPCBase* t_processingEndpoint = nullptr;
+
+// A head stamped with the time of day it is sent at.
+void encode_head_now(uint8_t* head, const char* dev, int32_t testItem, int32_t eventId,
+                     int32_t dataLen) {
+    timeval now{};
+    gettimeofday(&now, nullptr);
+    encodeHead(head, dev, testItem, eventId, static_cast<int32_t>(now.tv_sec),
+               static_cast<int32_t>(now.tv_usec), dataLen);
+}
+
+}  // namespace
 
 IPCBase::IPCBase(IPCCallback callback, void* user, const std::string& logFileName)
     : m_callback(callback), m_user(user) {
@@ -83,11 +98,6 @@ void IPCBase::stop() {
     }
 }
 
-namespace {
-// The endpoint whose processing thread this is, if any.
-thread_local const IPCBase* t_processingEndpoint = nullptr;
-}  // namespace
-
 bool IPCBase::onProcessingThread() const {
     return t_processingEndpoint == this;
 }
@@ -110,11 +120,8 @@ bool IPCBase::send(Connection& conn, const char* dev, int32_t testItem, int32_t 
         m_logger->writeFormat("error! data_len=%d range[0-%d)", dataLen, IPC_MAX_DATA_LEN);
         return false;
     }
-    timeval now{};
-    gettimeofday(&now, nullptr);
     uint8_t head[IPC_HEAD_SIZE];
-    encodeHead(head, dev, testItem, eventId, static_cast<int32_t>(now.tv_sec),
-               static_cast<int32_t>(now.tv_usec), dataLen);
+    encode_head_now(head, dev, testItem, eventId, dataLen);
 
     // stop() waits for sends under way, which its wake ends at once.
     ++m_activeSends;
@@ -128,10 +135,7 @@ bool IPCBase::send(Connection& conn, const char* dev, int32_t testItem, int32_t 
         noteSide(conn, fromLoop);
         return false;
     }
-    if (m_traceSendRecv) {
-        m_logger->writeFormat("send dev=%s test_item=%d event_id=%d data_len=%d",
-                              dev != nullptr ? dev : "", testItem, eventId, dataLen);
-    }
+    traceSend(dev, testItem, eventId, dataLen);
     WriteWait wait;
     wait.deadlineMs = deadlineMs;
     wait.wakeFd = m_wakeFd;
@@ -155,16 +159,17 @@ void IPCBase::noteSide(Connection& conn, bool fromLoop) {
 }
 
 void IPCBase::post(Connection& conn, const char* dev, int32_t testItem, int32_t eventId) {
-    timeval now{};
-    gettimeofday(&now, nullptr);
     uint8_t head[IPC_HEAD_SIZE];
-    encodeHead(head, dev, testItem, eventId, static_cast<int32_t>(now.tv_sec),
-               static_cast<int32_t>(now.tv_usec), 0);
+    encode_head_now(head, dev, testItem, eventId, 0);
+    traceSend(dev, testItem, eventId, 0);
+    conn.post(head, sizeof(head));
+}
+
+void IPCBase::traceSend(const char* dev, int32_t testItem, int32_t eventId, int32_t dataLen) {
     if (m_traceSendRecv) {
         m_logger->writeFormat("send dev=%s test_item=%d event_id=%d data_len=%d",
-                              dev != nullptr ? dev : "", testItem, eventId, 0);
+                              dev != nullptr ? dev : "", testItem, eventId, dataLen);
     }
-    conn.post(head, sizeof(head));
 }
 
 }  // namespace vexa

@@ -94,8 +94,6 @@ class IPCBase {
     // Never waits: queues a message without a body on `conn`, to go out as
     // soon as the socket takes it (the processing loop's own answers).
     void post(Connection& conn, const char* dev, int32_t testItem, int32_t eventId);
-    // The processing loop has been asked to stop; waits give up when set.
-    const StopFlag* stopFlag() const { return &m_stop; }
     // Readable once stop() has been called: the processing loop waits on it
     // beside its sockets, so that it may wait without a time limit when
     // nothing else needs watching. -1 when it could not be made; the loop
@@ -128,6 +126,8 @@ class IPCBase {
     static void processThread(void* self);
     // Remembers a connection whose peer's bytes a send took in on the side.
     void noteSide(Connection& conn, bool fromLoop);
+    // The "send ..." line, when every message is logged.
+    void traceSend(const char* dev, int32_t testItem, int32_t eventId, int32_t dataLen);
 
     IPCCallback m_callback;
     void* m_user;

@@ -35,9 +35,15 @@ MessageBuffer::Pool::Storage MessageBuffer::Pool::take(size_t capacity) {
         storage = std::move(m_small.back());
         m_small.pop_back();
     } else {
-        storage.bytes.reset(new char[capacity + 1]);
-        storage.capacity = capacity;
+        storage = allocate(capacity);
     }
+    return storage;
+}
+
+MessageBuffer::Pool::Storage MessageBuffer::Pool::allocate(size_t capacity) {
+    Storage storage;
+    storage.bytes.reset(new char[capacity + 1]);
+    storage.capacity = capacity;
     return storage;
 }
 
@@ -57,13 +63,7 @@ void MessageBuffer::Pool::give(Storage storage) {
 }
 
 void MessageBuffer::replaceStorage(size_t capacity) {
-    Pool::Storage storage;
-    if (m_pool != nullptr) {
-        storage = m_pool->take(capacity);
-    } else {
-        storage.bytes.reset(new char[capacity + 1]);
-        storage.capacity = capacity;
-    }
+    Pool::Storage storage = m_pool != nullptr ? m_pool->take(capacity) : Pool::allocate(capacity);
     if (buffered() > 0) {
         std::memcpy(storage.bytes.get(), m_storage.get() + m_begin, buffered());
     }
@@ -72,6 +72,12 @@ void MessageBuffer::replaceStorage(size_t capacity) {
     releaseStorage();
     m_storage = std::move(storage.bytes);
     m_capacity = storage.capacity;
+}
+
+void MessageBuffer::compact() {
+    std::memmove(m_storage.get(), m_storage.get() + m_begin, buffered());
+    m_end -= m_begin;
+    m_begin = 0;
 }
 
 void MessageBuffer::releaseStorage() {
@@ -124,9 +130,7 @@ bool MessageBuffer::makeRoom() {
     if (m_storage == nullptr || front > m_capacity) {
         replaceStorage(front > kDefaultCapacity ? front + kDefaultCapacity : kDefaultCapacity);
     } else if (m_begin > 0 && (m_end == m_capacity || m_begin + front > m_capacity)) {
-        std::memmove(m_storage.get(), m_storage.get() + m_begin, buffered());
-        m_end -= m_begin;
-        m_begin = 0;
+        compact();
     }
     // Full of whole messages: nothing more is read until some are out.
     return m_end < m_capacity;
@@ -229,10 +233,8 @@ void MessageBuffer::Side::takeIn(int fd) {
     const ssize_t got = ::recv(fd, bytes.data() + old, bytes.size() - old, MSG_DONTWAIT);
     bytes.resize(old + (got > 0 ? static_cast<size_t>(got) : 0));
     if (got == 0) {
-        ended = true;
         end = End::kClosed;
     } else if (got < 0 && !would_block(errno)) {
-        ended = true;
         end = End::kError;
         error = errno;
     }
@@ -248,20 +250,17 @@ void MessageBuffer::mergeSide() {
         if (m_storage == nullptr || need > m_capacity) {
             replaceStorage(std::max(need, kDefaultCapacity));
         } else if (m_begin + need > m_capacity) {
-            std::memmove(m_storage.get(), m_storage.get() + m_begin, buffered());
-            m_end -= m_begin;
-            m_begin = 0;
+            compact();
         }
         std::memcpy(m_storage.get() + m_end, m_side.bytes.data(), side);
         m_end += side;
         m_lastByteMs = comm::monotonic_ms();
     }
-    if (m_side.ended && m_endState == End::kOpen) {
+    if (m_side.ended() && m_endState == End::kOpen) {
         m_endState = m_side.end;
         m_error = m_side.error;
     }
     std::vector<char>().swap(m_side.bytes);
-    m_side.ended = false;
     m_side.end = End::kOpen;
     m_side.error = 0;
 }

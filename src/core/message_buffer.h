@@ -40,6 +40,7 @@ class MessageBuffer {
         };
         // The largest kept, or a new one of `capacity` when none is kept.
         Storage take(size_t capacity);
+        static Storage allocate(size_t capacity);
         void give(Storage storage);
 
       private:
@@ -85,18 +86,18 @@ class MessageBuffer {
     InputWhileWaiting* sideInput() { return &m_side; }
     // Appends what came in on the side; called once no message is out.
     void mergeSide();
-    bool hasSide() const { return !m_side.bytes.empty() || m_side.ended; }
+    bool hasSide() const { return !m_side.bytes.empty() || m_side.ended(); }
 
   private:
     enum class End { kOpen, kClosed, kError, kTimeout, kRefused };
 
     struct Side : InputWhileWaiting {
-        bool wantsInput() const override { return !ended && room() > 0; }
+        bool wantsInput() const override { return !ended() && room() > 0; }
         void takeIn(int fd) override;
         size_t room() const;
+        bool ended() const { return end != End::kOpen; }
         const MessageBuffer* owner = nullptr;
         std::vector<char> bytes;
-        bool ended = false;
         End end = End::kOpen;
         int error = 0;
     };
@@ -113,6 +114,8 @@ class MessageBuffer {
     // Swaps in storage of `capacity` (at least), keeping the bytes not yet
     // handed out.
     void replaceStorage(size_t capacity);
+    // Moves the bytes not yet handed out to the front of the storage.
+    void compact();
     void releaseStorage();
 
     Pool* m_pool;

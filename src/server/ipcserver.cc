@@ -31,11 +31,6 @@ constexpr int kListenBacklog = INT_MAX;
 constexpr uint32_t kKillDelayMs = 500;
 const char kSource[] = "ipcserver";
 
-// dev as received may fill all 80 bytes without a NUL.
-std::string dev_text(const IPCMessage& msg) {
-    return std::string(msg.dev, strnlen(msg.dev, IPC_DEV_SIZE));
-}
-
 }  // namespace
 
 IPCServer::IPCServer(const std::string& servPath, ServerCallback callback, void* user,
@@ -167,7 +162,6 @@ void IPCServer::acceptThread(void* self) {
 }
 
 void IPCServer::acceptLoop() {
-    m_acceptRunning = true;
     m_logger->writeLine("accept_thread...");
     while (!m_acceptStop) {
         // Without a time limit when onStop() can wake it.
@@ -199,7 +193,6 @@ void IPCServer::acceptLoop() {
         }
     }
     m_logger->writeLine("accept_thread finish");
-    m_acceptRunning = false;
 }
 
 void IPCServer::onStop() {
@@ -342,7 +335,7 @@ void IPCServer::handleMessage(Connection* conn, const IPCMessage& msg) {
     dev[devLength] = '\0';
     make_client_key(dev, devLength, msg.test_item, &m_key);
     if (msg.event_id == CLIENT_IPC_CONFIG) {
-        registerClient(conn, msg, m_key);
+        registerClient(conn, msg, dev, m_key);
     }
     bool known = false;
     {
@@ -353,7 +346,7 @@ void IPCServer::handleMessage(Connection* conn, const IPCMessage& msg) {
         return;  // messages are routed by dev and test_item; strangers are dropped
     }
     if (msg.event_id == CLIENT_IPC_EXIT) {
-        handleExit(conn, msg, m_key);
+        handleExit(conn, msg, dev, m_key);
         return;
     }
     if (tracing()) {
@@ -366,9 +359,10 @@ void IPCServer::handleMessage(Connection* conn, const IPCMessage& msg) {
     }
 }
 
-void IPCServer::registerClient(Connection* conn, const IPCMessage& msg, const std::string& key) {
+void IPCServer::registerClient(Connection* conn, const IPCMessage& msg, const char* dev,
+                               const std::string& key) {
     ItemClient item;
-    item.dev = dev_text(msg);
+    item.dev = dev;
     item.test_item = msg.test_item;
     item.socket = conn->fd();
     item.closing = false;
@@ -406,10 +400,10 @@ void IPCServer::registerClient(Connection* conn, const IPCMessage& msg, const st
     m_logger->writeFormat("CLIENT_IPC_CONFIG %s", item_client_text(item).c_str());
 }
 
-void IPCServer::handleExit(Connection* conn, const IPCMessage& msg, const std::string& key) {
-    const std::string dev = dev_text(msg);
-    m_logger->writeFormat("recv dev=%s test_item=%d event_id=%d data_len=%d", dev.c_str(),
-                          msg.test_item, msg.event_id, msg.data_len);
+void IPCServer::handleExit(Connection* conn, const IPCMessage& msg, const char* dev,
+                           const std::string& key) {
+    m_logger->writeFormat("recv dev=%s test_item=%d event_id=%d data_len=%d", dev, msg.test_item,
+                          msg.event_id, msg.data_len);
     ConnectionPtr target;
     {
         const comm::MutexGuard guard = lockClients(__LINE__);
@@ -422,11 +416,11 @@ void IPCServer::handleExit(Connection* conn, const IPCMessage& msg, const std::s
     // The answer goes to where the pair registered. It is queued, never
     // waited for: it leaves as soon as that socket takes it, before the close.
     if (target != nullptr && target->isOpen()) {
-        post(*target, dev.c_str(), msg.test_item, CLIENT_IPC_EXIT_ACK);
+        post(*target, dev, msg.test_item, CLIENT_IPC_EXIT_ACK);
         linger(target);
     }
-    m_logger->writeFormat("client close dev=%s test_item=%d", dev.c_str(), msg.test_item);
-    callBack(msg.test_item, CLIENT_IPC_CLOSED, dev.c_str(), msg.time_sec, msg.time_usec, msg.data,
+    m_logger->writeFormat("client close dev=%s test_item=%d", dev, msg.test_item);
+    callBack(msg.test_item, CLIENT_IPC_CLOSED, dev, msg.time_sec, msg.time_usec, msg.data,
              msg.data_len);
     endConnection(conn->shared_from_this(), false, true);
 }

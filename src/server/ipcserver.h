@@ -88,8 +88,11 @@ class IPCServer : public IPCBase {
     // What remains of conn's input decides when the loop looks at it again.
     void queueForNextPass(Connection* conn);
     void handleMessage(Connection* conn, const IPCMessage& msg);
-    void registerClient(Connection* conn, const IPCMessage& msg, const std::string& key);
-    void handleExit(Connection* conn, const IPCMessage& msg, const std::string& key);
+    // dev: the message's device as text (it may fill all 80 bytes without a NUL).
+    void registerClient(Connection* conn, const IPCMessage& msg, const char* dev,
+                        const std::string& key);
+    void handleExit(Connection* conn, const IPCMessage& msg, const char* dev,
+                    const std::string& key);
     void handleBrokenConnection(Connection* conn);
     // Takes conn out of the epoll set and closes it (after its queued answer).
     void endConnection(const ConnectionPtr& conn, bool abortWriter, bool reportRest,
@@ -105,7 +108,6 @@ class IPCServer : public IPCBase {
 
     comm::ThreadHandle* m_acceptThread = nullptr;
     std::atomic<bool> m_acceptStop{false};
-    std::atomic<bool> m_acceptRunning{false};
     std::string m_servPath;
     int32_t m_port = 0;
     std::string m_ip;
