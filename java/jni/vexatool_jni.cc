@@ -102,7 +102,10 @@ int deliver_event(void* user, int32_t testItem, int32_t eventId, const char* dev
         return 0;
     }
     jbyteArray devBytes = new_byte_array(env, dev, dev != nullptr ? std::strlen(dev) : 0);
-    jbyteArray body = new_byte_array(env, data, data != nullptr && dataLen > 0 ? dataLen : 0);
+    // No JNI call may follow a failed one while its exception is pending.
+    jbyteArray body = devBytes == nullptr
+                          ? nullptr
+                          : new_byte_array(env, data, data != nullptr && dataLen > 0 ? dataLen : 0);
     if (devBytes != nullptr && body != nullptr) {
         const NativeEndpoint* outer = t_insideListenerOf;
         t_insideListenerOf = endpoint;

@@ -10,31 +10,24 @@ import java.util.logging.Logger;
 final class EventDispatcher {
     private static final Logger LOG = Logger.getLogger("org.vexatool");
 
-    private final String endpoint;
-    private final VexaServer.Listener serverListener; // exactly one of the two is set
-    private final VexaClient.Listener clientListener;
-
-    EventDispatcher(String endpoint, VexaServer.Listener listener) {
-        this.endpoint = endpoint;
-        this.serverListener = listener;
-        this.clientListener = null;
+    /** The listener's one method; both public listener types fit it. */
+    interface Sink {
+        void onEvent(int testItem, int eventId, String dev, int sec, int usec, byte[] data);
     }
 
-    EventDispatcher(String endpoint, VexaClient.Listener listener) {
+    private final String endpoint;
+    private final Sink listener;
+
+    EventDispatcher(String endpoint, Sink listener) {
         this.endpoint = endpoint;
-        this.serverListener = null;
-        this.clientListener = listener;
+        this.listener = listener;
     }
 
     /** Called on the endpoint's thread; the arrays are fresh for each call. */
     void dispatch(int testItem, int eventId, byte[] dev, int sec, int usec, byte[] data) {
         String device = Natives.fromUtf8(dev);
         try {
-            if (serverListener != null) {
-                serverListener.onEvent(testItem, eventId, device, sec, usec, data);
-            } else {
-                clientListener.onEvent(testItem, eventId, device, sec, usec, data);
-            }
+            listener.onEvent(testItem, eventId, device, sec, usec, data);
         } catch (Throwable t) { // whatever a listener throws must not reach native code
             LOG.log(Level.WARNING, "listener of " + endpoint + " threw on event " + eventId
                     + " from " + device + "/" + testItem, t);

@@ -1,5 +1,8 @@
 package org.vexatool;
 
+import java.util.function.LongConsumer;
+import java.util.function.LongPredicate;
+
 /**
  * The native handle of one endpoint and the calls using it. Release waits for the calls under way,
  * and calls after it find the handle gone; so no call ever uses a released handle.
@@ -12,15 +15,36 @@ final class NativeHandle {
         this.handle = handle;
     }
 
+    /** Runs {@code call} with the handle, unless closing began; false then. */
+    boolean call(LongPredicate call) {
+        long h = beginCall();
+        if (h == 0) {
+            return false;
+        }
+        try {
+            return call.test(h);
+        } finally {
+            endCall();
+        }
+    }
+
+    /** Hands the handle to {@code release} once, as {@link #takeForRelease} allows. */
+    void release(LongConsumer release) {
+        long taken = takeForRelease();
+        if (taken != 0) {
+            release.accept(taken);
+        }
+    }
+
     /** The handle for one call, to be ended with {@link #endCall}; 0 when closed (no call). */
-    synchronized long beginCall() {
+    private synchronized long beginCall() {
         if (handle != 0) {
             callsUnderWay++;
         }
         return handle;
     }
 
-    synchronized void endCall() {
+    private synchronized void endCall() {
         if (--callsUnderWay == 0) {
             notifyAll();
         }
@@ -33,7 +57,7 @@ final class NativeHandle {
      * @throws IllegalStateException on the endpoint's own listener thread, whose release would
      *     wait for itself
      */
-    synchronized long takeForRelease() {
+    private synchronized long takeForRelease() {
         long taken = handle;
         if (taken == 0) {
             return 0;

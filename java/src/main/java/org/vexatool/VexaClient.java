@@ -35,7 +35,7 @@ public final class VexaClient implements AutoCloseable {
             throw new NullPointerException("address is required");
         }
         EventDispatcher dispatcher =
-                listener != null ? new EventDispatcher("client " + dev, listener) : null;
+                listener != null ? new EventDispatcher("client " + dev, listener::onEvent) : null;
         long client = Natives.clientConnect(
                 Natives.utf8(address), Natives.utf8(dev), testItem, timeoutMs, dispatcher);
         if (client == 0) {
@@ -54,15 +54,7 @@ public final class VexaClient implements AutoCloseable {
         if (data != null && data.length > VexaEvents.MAX_BODY_LENGTH) {
             return false;
         }
-        long client = handle.beginCall();
-        if (client == 0) {
-            return false;
-        }
-        try {
-            return Natives.clientSend(client, eventId, data);
-        } finally {
-            handle.endCall();
-        }
+        return handle.call(client -> Natives.clientSend(client, eventId, data));
     }
 
     /**
@@ -73,9 +65,6 @@ public final class VexaClient implements AutoCloseable {
      */
     @Override
     public void close() {
-        long client = handle.takeForRelease();
-        if (client != 0) {
-            Natives.clientRelease(client);
-        }
+        handle.release(Natives::clientRelease);
     }
 }

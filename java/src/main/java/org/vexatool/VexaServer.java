@@ -32,7 +32,7 @@ public final class VexaServer implements AutoCloseable {
             throw new NullPointerException("address and listener are required");
         }
         long server = Natives.serverStart(
-                Natives.utf8(address), new EventDispatcher("server " + address, listener));
+                Natives.utf8(address), new EventDispatcher("server " + address, listener::onEvent));
         if (server == 0) {
             throw new VexaException("cannot start a server on " + address);
         }
@@ -47,16 +47,8 @@ public final class VexaServer implements AutoCloseable {
      * @return false when closed or {@code path} is null; true does not mean the test will register
      */
     public boolean runTest(String path, String dev, String extraArgs) {
-        long server = handle.beginCall();
-        if (server == 0) {
-            return false;
-        }
-        try {
-            return Natives.serverRunTest(
-                    server, Natives.utf8(path), Natives.utf8(dev), Natives.utf8(extraArgs));
-        } finally {
-            handle.endCall();
-        }
+        return handle.call(server -> Natives.serverRunTest(
+                server, Natives.utf8(path), Natives.utf8(dev), Natives.utf8(extraArgs)));
     }
 
     /**
@@ -70,29 +62,18 @@ public final class VexaServer implements AutoCloseable {
         if (data != null && data.length > VexaEvents.MAX_BODY_LENGTH) {
             return false;
         }
-        long server = handle.beginCall();
-        if (server == 0) {
-            return false;
-        }
-        try {
+        return handle.call(server -> {
             Natives.serverSendCommand(server, Natives.utf8(dev), testItem, eventId, data);
             return true;
-        } finally {
-            handle.endCall();
-        }
+        });
     }
 
     /** Waits until 500 ms have passed since the last test program was started. */
     public void killClient() {
-        long server = handle.beginCall();
-        if (server == 0) {
-            return;
-        }
-        try {
+        handle.call(server -> {
             Natives.serverKillClient(server);
-        } finally {
-            handle.endCall();
-        }
+            return true;
+        });
     }
 
     /**
@@ -100,15 +81,10 @@ public final class VexaServer implements AutoCloseable {
      * shell command run before them. Nothing changes when either is null.
      */
     public void setSuFilePath(String su, String preCommand) {
-        long server = handle.beginCall();
-        if (server == 0) {
-            return;
-        }
-        try {
+        handle.call(server -> {
             Natives.serverSetSuFilePath(server, Natives.utf8(su), Natives.utf8(preCommand));
-        } finally {
-            handle.endCall();
-        }
+            return true;
+        });
     }
 
     /**
@@ -119,9 +95,6 @@ public final class VexaServer implements AutoCloseable {
      */
     @Override
     public void close() {
-        long server = handle.takeForRelease();
-        if (server != 0) {
-            Natives.serverRelease(server);
-        }
+        handle.release(Natives::serverRelease);
     }
 }
