@@ -54,13 +54,7 @@ check_variant() {
     LD_LIBRARY_PATH="$libdir" "$usr/bin/vexahost" --help | grep -q junit-xml ||
         fail "the packaged vexahost does not run"
 
-    cmake -S "$root/tests/install" -B "$scratch-consumer" -G Ninja \
-        -DCMAKE_PREFIX_PATH="$usr" >/dev/null
-    cmake --build "$scratch-consumer" >/dev/null
-    LD_LIBRARY_PATH="$libdir" "$scratch-consumer/consumer"
-    cc "$root/tests/install/consumer.c" -o "$scratch-consumer/consumer-pc" \
-        $(PKG_CONFIG_PATH="$libdir/pkgconfig" pkg-config --cflags --libs vexatool)
-    LD_LIBRARY_PATH="$libdir" "$scratch-consumer/consumer-pc"
+    "$root/scripts/check-install.sh" --prefix "$usr"
     echo "== $runtime ($soname): packages inspected, unpacked and used by the consumer"
 }
 

@@ -24,7 +24,9 @@ class FrameReader {
     // The log's texts after the init line.
     std::vector<std::string> lines() const {
         std::vector<std::string> texts = log_texts(path);
-        texts.erase(texts.begin());
+        if (!texts.empty()) {
+            texts.erase(texts.begin());
+        }
         return texts;
     }
 

@@ -32,6 +32,16 @@ std::string temp_parent() {
     return parent.back() == '/' ? parent : parent + "/";
 }
 
+// Removes a directory tree, or a file.
+void remove_tree(const std::string& path) {
+    if (path.empty() || path == "/")
+        return;
+    nftw(
+        path.c_str(),
+        [](const char* p, const struct stat*, int, struct FTW*) { return ::remove(p); }, 16,
+        FTW_DEPTH | FTW_PHYS);
+}
+
 }  // namespace
 
 void set_temp_root(const std::string& dir) {
@@ -86,15 +96,6 @@ bool make_dirs(const std::string& path) {
     mkdir(path.c_str(), 0755);
     struct stat st {};
     return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
-}
-
-void remove_tree(const std::string& path) {
-    if (path.empty() || path == "/")
-        return;
-    nftw(
-        path.c_str(),
-        [](const char* p, const struct stat*, int, struct FTW*) { return ::remove(p); }, 16,
-        FTW_DEPTH | FTW_PHYS);
 }
 
 std::string read_file(const std::string& path) {

@@ -50,8 +50,6 @@ class ScopedEnv {
 
 // Makes `path` and any missing parents; true when it exists afterwards.
 bool make_dirs(const std::string& path);
-// Removes a directory tree, or a file.
-void remove_tree(const std::string& path);
 // The whole file, "" when it cannot be read.
 std::string read_file(const std::string& path);
 // The file's lines without their newline characters.
@@ -92,7 +90,6 @@ class Child {
     Child& operator=(const Child&) = delete;
 
     bool started() const { return m_pid > 0; }
-    pid_t pid() const { return m_pid; }
     bool type(const std::string& text);
     void closeInput();
     std::string out() const { return read_file(m_out); }

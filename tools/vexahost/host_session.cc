@@ -41,17 +41,33 @@ std::string printable(const char* data, size_t len) {
     return out;
 }
 
-std::string event_name(int32_t event) {
+// The name of one of the library's own events, null for any other code.
+const char* library_event_name(int32_t event) {
     switch (event) {
         case CLIENT_IPC_CONFIG:
-            return "CONFIG(9001)";
+            return "CONFIG";
         case CLIENT_IPC_CLOSED:
-            return "CLOSED(9005)";
+            return "CLOSED";
         case CLIENT_IPC_OFFLINE:
-            return "OFFLINE(9006)";
+            return "OFFLINE";
         default:
-            return std::to_string(event);
+            return nullptr;
     }
+}
+
+// "CONFIG(9001)" for the library's own events, the bare code for others.
+std::string event_name(int32_t event) {
+    const char* name = library_event_name(event);
+    const std::string code = std::to_string(event);
+    return name != nullptr ? name + ("(" + code + ")") : code;
+}
+
+// A 9001's body: the test's pid, when it holds one.
+bool registration_pid(int32_t event, const char* data, int32_t len, int32_t& pid) {
+    if (event != CLIENT_IPC_CONFIG || data == nullptr || len < 4)
+        return false;
+    std::memcpy(&pid, data, sizeof(pid));
+    return true;
 }
 
 // Each byte becomes one character, U+0000 to U+00FF, so any body survives.
@@ -80,14 +96,11 @@ std::string json_event(const std::string& time, const char* direction, const std
     std::string line = "{\"time\":\"" + time + "\",\"dir\":\"" + direction +
                        "\",\"dev\":" + json_string(dev.data(), dev.size()) +
                        ",\"item\":" + std::to_string(item) + ",\"event\":" + std::to_string(event);
-    std::string name = event_name(event);
-    size_t paren = name.find('(');
-    if (paren != std::string::npos)
-        line += ",\"name\":\"" + name.substr(0, paren) + "\"";
+    if (const char* name = library_event_name(event))
+        line += ",\"name\":\"" + std::string(name) + "\"";
     line += ",\"len\":" + std::to_string(len);
-    if (event == CLIENT_IPC_CONFIG && data != nullptr && len >= 4) {
-        int32_t pid = 0;
-        std::memcpy(&pid, data, sizeof(pid));
+    int32_t pid = 0;
+    if (registration_pid(event, data, len, pid)) {
         line += ",\"pid\":" + std::to_string(pid);
     } else if (data != nullptr && len > 0) {
         line += ",\"body\":" + json_string(data, static_cast<size_t>(len));
@@ -164,8 +177,7 @@ void Host::onEvent(int32_t item, int32_t event, const char* dev, const char* dat
         TestKey key{devText, item};
         if (event == CLIENT_IPC_CONFIG) {
             TestState state;
-            if (data != nullptr && len >= 4)
-                std::memcpy(&state.pid, data, sizeof(state.pid));
+            registration_pid(event, data, len, state.pid);
             state.order = m_registrations++;
             state.registeredAt = Clock::now();
             m_tests[key] = state;
@@ -296,9 +308,8 @@ void Host::printEvent(const char* direction, const std::string& dev, int32_t ite
                        " dev=" + printable(dev.data(), dev.size()) +
                        " item=" + std::to_string(item) + " event=" + event_name(event) +
                        " len=" + std::to_string(len);
-    if (event == CLIENT_IPC_CONFIG && data != nullptr && len >= 4) {
-        int32_t pid = 0;
-        std::memcpy(&pid, data, sizeof(pid));
+    int32_t pid = 0;
+    if (registration_pid(event, data, len, pid)) {
         line += " pid=" + std::to_string(pid);
     } else if (data != nullptr && len > 0) {
         size_t shown = std::min(static_cast<size_t>(len), kPreviewChars);

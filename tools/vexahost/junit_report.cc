@@ -57,6 +57,11 @@ std::string exit_failure(const LaunchRecord& launch) {
     return "";
 }
 
+// "dev=DEV item=ITEM": how a registration is named in the report.
+std::string registration_label(const TestKey& key) {
+    return "dev=" + key.dev + " item=" + std::to_string(key.item);
+}
+
 // Fills the verdict of one test case from the registrations that belong to it.
 void judge(TestCase& tc, const std::vector<const std::pair<const TestKey, TestState>*>& regs,
            Clock::time_point start, Clock::time_point end, const LaunchRecord* launch) {
@@ -64,14 +69,13 @@ void judge(TestCase& tc, const std::vector<const std::pair<const TestKey, TestSt
     std::string failure = regs.empty() ? "never registered" : "";
     for (const auto* reg : regs) {
         const TestState& state = reg->second;
-        tc.details += "dev=" + reg->first.dev + " item=" + std::to_string(reg->first.item) +
-                      " pid=" + std::to_string(state.pid) +
+        const std::string what = registration_label(reg->first);
+        tc.details += what + " pid=" + std::to_string(state.pid) +
                       (state.offline  ? " offline\n"
                        : state.closed ? " closed\n"
                                       : " open\n");
         Clock::time_point ended = state.closed ? state.endedAt : end;
         last = std::max(last, ended);
-        std::string what = "dev=" + reg->first.dev + " item=" + std::to_string(reg->first.item);
         if (failure.empty() && state.offline) {
             failure = what + " went offline (9006) without closing";
         } else if (failure.empty() && !state.closed) {
@@ -86,7 +90,7 @@ void judge(TestCase& tc, const std::vector<const std::pair<const TestKey, TestSt
             last = std::max(last, launch->exitedAt);
     }
     tc.failure = failure;
-    tc.seconds = seconds_between(start, regs.empty() && launch == nullptr ? end : last);
+    tc.seconds = seconds_between(start, last);
 }
 
 }  // namespace
@@ -134,7 +138,7 @@ bool write_junit_report(const std::string& path, const SessionRecord& session, i
     }
     for (Reg reg : unmatched) {
         TestCase tc;
-        tc.name = "dev=" + reg->first.dev + " item=" + std::to_string(reg->first.item);
+        tc.name = registration_label(reg->first);
         judge(tc, {reg}, reg->second.registeredAt, end, nullptr);
         cases.push_back(tc);
     }
