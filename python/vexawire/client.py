@@ -9,6 +9,7 @@ from typing import Optional
 
 from .wire import (
     CONFIG,
+    READ_CHUNK,
     EXIT,
     EXIT_ACK,
     FrameBuffer,
@@ -23,7 +24,6 @@ from .wire import (
 CLOSE_WAIT_SECONDS = 2.0
 # A write that cannot go on for this long gives up, like the library's.
 WRITE_LIMIT_SECONDS = 30.0
-_READ_CHUNK = 65536
 
 
 class ServerGone(Exception):
@@ -134,7 +134,7 @@ class Client:
                     return None
                 continue
             try:
-                data = self._sock.recv(_READ_CHUNK)
+                data = self._sock.recv(READ_CHUNK)
             except OSError as err:
                 data = b""
                 self._gone = str(err)

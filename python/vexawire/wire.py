@@ -42,6 +42,9 @@ EVENT_NAMES = {
     DISCONNECTED: "DISCONNECTED",
 }
 
+# What one read asks the socket for.
+READ_CHUNK = 65536
+
 _HEAD_INTS = struct.Struct(">iiiii")
 _PID = struct.Struct("=i")
 
@@ -99,13 +102,18 @@ def _int32(value: int) -> int:
     return (value + 2**31) % 2**32 - 2**31
 
 
-def encode(dev, item: int, event: int, body: bytes = b"", now: Optional[float] = None) -> bytes:
-    """One whole message; raises ValueError for a body of 512000 bytes or more."""
-    body = check_body(body)
+def sec_usec(now: Optional[float] = None) -> Tuple[int, int]:
+    """The time of day (now, unless given) as whole seconds and microseconds."""
     if now is None:
         now = time.time()
     sec = int(now)
-    usec = int((now - sec) * 1_000_000)
+    return sec, int((now - sec) * 1_000_000)
+
+
+def encode(dev, item: int, event: int, body: bytes = b"", now: Optional[float] = None) -> bytes:
+    """One whole message; raises ValueError for a body of 512000 bytes or more."""
+    body = check_body(body)
+    sec, usec = sec_usec(now)
     head = dev_bytes(dev).ljust(DEV_FIELD_SIZE, b"\0")
     # The seconds travel as the low 32 bits of the clock, like the library's.
     head += _HEAD_INTS.pack(_int32(item), _int32(event), _int32(sec), usec, len(body))
