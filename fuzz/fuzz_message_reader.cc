@@ -6,11 +6,11 @@
 // or too large length). Then the same bytes go to the buffered reader of the
 // endpoints (MessageBuffer) in chunks of sizes drawn from the input, and it
 // must give the same messages, the same refusal and the same log lines.
-#include <fcntl.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstdlib>
@@ -112,7 +112,6 @@ std::vector<std::string> read_buffered(const uint8_t* data, size_t size, Reader&
         std::perror("socketpair");
         std::abort();
     }
-    fcntl(fds[1], F_SETFL, O_NONBLOCK);
     vexa::MessageBuffer buffer;
     std::vector<std::string> messages;
     Chunks chunks(data, size);
@@ -120,8 +119,8 @@ std::vector<std::string> read_buffered(const uint8_t* data, size_t size, Reader&
     bool ended = false;
     for (bool refused = false; !refused;) {
         if (sent < size) {
-            const ssize_t n =
-                send(fds[1], data + sent, std::min(chunks.next(), size - sent), MSG_NOSIGNAL);
+            const ssize_t n = send(fds[1], data + sent, std::min(chunks.next(), size - sent),
+                                   MSG_NOSIGNAL | MSG_DONTWAIT);
             sent += n > 0 ? static_cast<size_t>(n) : 0;
         } else if (!ended) {
             shutdown(fds[1], SHUT_WR);
@@ -160,45 +159,39 @@ int32_t big_endian_at(const uint8_t* at) {
                                 static_cast<uint32_t>(at[2]) << 8 | static_cast<uint32_t>(at[3]));
 }
 
-// Writes what is left with blocking writes; stops early when the reader has
-// closed its end. Then shuts the write side down, so the reader sees the end.
-void write_rest(int fd, const uint8_t* data, size_t size) {
-    while (size > 0) {
-        ssize_t n = send(fd, data, size, MSG_NOSIGNAL);
+// Sends as much of `data` as the socket takes (with `flags`, all of it when
+// they allow waiting); stops early when the reader has closed its end.
+size_t send_some(int fd, const uint8_t* data, size_t size, int flags) {
+    size_t sent = 0;
+    while (sent < size) {
+        const ssize_t n = send(fd, data + sent, size - sent, MSG_NOSIGNAL | flags);
         if (n < 0 && errno == EINTR) {
             continue;
         }
         if (n <= 0) {
             break;
         }
-        data += n;
-        size -= static_cast<size_t>(n);
+        sent += static_cast<size_t>(n);
     }
+    return sent;
+}
+
+// Writes what is left, waiting for room; then shuts the write side down, so
+// the reader sees the end.
+void write_rest(int fd, const uint8_t* data, size_t size) {
+    send_some(fd, data, size, 0);
     shutdown(fd, SHUT_WR);
 }
 
 // Writes as much as fits into the socket buffer at once (all of a short
 // input); the rest, if any, goes from a thread while the reader reads.
 std::thread write_input(int fd, const uint8_t* data, size_t size) {
-    int flags = fcntl(fd, F_GETFL);
-    fcntl(fd, F_SETFL, flags | O_NONBLOCK);
-    while (size > 0) {
-        ssize_t n = send(fd, data, size, MSG_NOSIGNAL);
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n <= 0) {
-            break;
-        }
-        data += n;
-        size -= static_cast<size_t>(n);
-    }
-    fcntl(fd, F_SETFL, flags);
-    if (size == 0) {
+    const size_t sent = send_some(fd, data, size, MSG_DONTWAIT);
+    if (sent == size) {
         shutdown(fd, SHUT_WR);
         return std::thread();
     }
-    return std::thread(write_rest, fd, data, size);
+    return std::thread(write_rest, fd, data + sent, size - sent);
 }
 
 }  // namespace

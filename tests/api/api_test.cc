@@ -1,10 +1,8 @@
 // The library end to end through the ten exported functions only.
-#include <signal.h>
 #include <sys/wait.h>
 
 #include <atomic>
 #include <cstdlib>
-#include <cstring>
 #include <memory>
 #include <string>
 #include <thread>

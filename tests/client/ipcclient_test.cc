@@ -10,8 +10,6 @@
 #include <atomic>
 #include <chrono>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <memory>
 #include <string>
 #include <thread>
@@ -122,9 +120,7 @@ TEST_F(ClientTest, RegistersWithItsIdentityAndPid) {
     EXPECT_EQ(reg.substr(96, 4), std::string("\0\0\0\x04", 4));
     EXPECT_GE(vexa_test::get_be32(reg, 88), before);
     EXPECT_LE(vexa_test::get_be32(reg, 88), now_sec());
-    int32_t pid = 0;
-    std::memcpy(&pid, reg.data() + 100, sizeof(pid));  // native byte order
-    EXPECT_EQ(pid, static_cast<int32_t>(getpid()));
+    EXPECT_EQ(vexa_test::native32(reg.substr(100)), static_cast<int32_t>(getpid()));
 
     // The client's socket is not inherited by programs the test launches.
     sockaddr_in clientEnd{};

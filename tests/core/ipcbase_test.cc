@@ -1,6 +1,5 @@
 #include "core/ipcbase.h"
 
-#include <fcntl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 

@@ -1,7 +1,6 @@
 #include "net/socket_util.h"
 
 #include <fcntl.h>
-#include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
 #include <unistd.h>
@@ -9,7 +8,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <cstdio>
 #include <cstring>
 #include <string>
 #include <thread>
@@ -188,40 +186,30 @@ TEST_F(SocketUtilTest, FailuresAreToldButAPeerClosingInsideABlockIsNot) {
                      "mysock_readn recv nread=-1 error=" + error_text(EISDIR), epipe, epipe}));
 }
 
-// Starts a connect from `fd` to 127.0.0.1:port: connect's result.
-int connect_to(int fd, int port) {
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    addr.sin_port = htons(static_cast<uint16_t>(port));
-    return connect(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof(addr));
-}
-
 TEST_F(SocketUtilTest, WaitConnectReportsARefusalOrFinishesTheConnect) {
     // A refused connect, blocking or not, is reported with its error number;
     // a non-blocking refusal may be known at once or only after the wait.
     const int closedPort = vexa_test::free_loopback_port();
     Lines expected;
     for (int nonblock : {0, 1}) {
-        const int fd = socket(AF_INET, SOCK_STREAM, 0);
-        SocketUtil::mysock_set_nonblock(fd, nonblock);
-        const int rc = connect_to(fd, closedPort);
+        vexa_test::FramedConn conn(socket(AF_INET, SOCK_STREAM, 0));
+        SocketUtil::mysock_set_nonblock(conn.fd(), nonblock);
+        const int rc = conn.connectTo(closedPort) ? 0 : -1;
         const bool known = rc == -1 && errno != EINPROGRESS;
         int soErr = 0;
-        EXPECT_EQ(m_util.mysock_wait_connect(fd, rc, 5000, &m_noStop, &soErr), vexa::MYSOCK_ERR_IO);
-        close(fd);
+        EXPECT_EQ(m_util.mysock_wait_connect(conn.fd(), rc, 5000, &m_noStop, &soErr),
+                  vexa::MYSOCK_ERR_IO);
         EXPECT_EQ(soErr, ECONNREFUSED) << nonblock;
         expected.push_back(std::string("mysock_wait_connect ") + (known ? "pre " : "") +
                            "failed. so_err=" + std::to_string(ECONNREFUSED));
     }
     // A non-blocking connect to a listener completes in the wait, silently.
     vexa_test::Listener listener;
-    const int client = socket(AF_INET, SOCK_STREAM, 0);
-    SocketUtil::mysock_set_nonblock(client, 1);
-    const int rc = connect_to(client, listener.port());
+    vexa_test::FramedConn client(socket(AF_INET, SOCK_STREAM, 0));
+    SocketUtil::mysock_set_nonblock(client.fd(), 1);
+    const int rc = client.connectTo(listener.port()) ? 0 : -1;
     ASSERT_TRUE(rc == 0 || errno == EINPROGRESS) << std::strerror(errno);
-    EXPECT_EQ(m_util.mysock_wait_connect(client, rc, 5000, &m_noStop), 0);
-    close(client);
+    EXPECT_EQ(m_util.mysock_wait_connect(client.fd(), rc, 5000, &m_noStop), 0);
     EXPECT_EQ(lines(), expected);
 }
 

@@ -5,7 +5,6 @@
 
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/time.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -20,6 +19,7 @@
 
 #include <gtest/gtest.h>
 
+#include "comm/time_util.h"
 #include "running_server.h"
 
 namespace {
@@ -32,12 +32,6 @@ using vexa_test::head_bytes;
 using vexa_test::log_has;
 using vexa_test::wait_until;
 using vexa_test::WireMsg;
-
-long now_sec() {
-    timeval now{};
-    gettimeofday(&now, nullptr);
-    return now.tv_sec;
-}
 
 TEST(ServerAddress, BadAddressesAndANullCallbackGiveNoServer) {
     Running first;
@@ -143,7 +137,7 @@ TEST(ServerRegistry, ARegistrationReplacesTheSameKeyAndASecondOneDropsTheConnect
     EXPECT_EQ(msg.event, 50);
     ASSERT_TRUE(second.readMsg(&msg));
     EXPECT_TRUE(msg.event == 51 && msg.dev == "phone" && msg.item == 12 && msg.len == 0);
-    EXPECT_NEAR(msg.sec, now_sec(), 60);
+    EXPECT_NEAR(msg.sec, comm::now_seconds(), 60);
     EXPECT_FALSE(second.readable(200));
 
     ASSERT_TRUE(second.registerAs("phone1", 2));
@@ -179,7 +173,7 @@ TEST(ServerRegistry, UnregisteredPairsAreDroppedAndOnlyRegisteredLossesReported)
     ASSERT_TRUE(r.events.waitFor(CLIENT_IPC_OFFLINE, "phone", 1));
     const Event offline = r.events.matching(CLIENT_IPC_OFFLINE)[0];
     EXPECT_TRUE(offline.dataNull && offline.len == 0);
-    EXPECT_NEAR(offline.sec, now_sec(), 60);
+    EXPECT_NEAR(offline.sec, comm::now_seconds(), 60);
     EXPECT_TRUE(wait_until([&] { return r.server->exitedCount() == 2; }));
     EXPECT_EQ(r.server->clientCount(), 0u);
     std::vector<int32_t> seen;

@@ -3,7 +3,6 @@
 #include "server/launcher.h"
 
 #include <pthread.h>
-#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -159,12 +158,7 @@ TEST_F(Launch, LaunchedProgramsAndOnlyThoseAreReaped) {
     ASSERT_GT(own, 0);
     r.server->set_su_file_path(kDirect.c_str(), "");
     r.server->run_test(TEST_LIB_FULL, nullptr, nullptr);
-    const auto reaped = [&] {
-        int lines = 0;
-        for (const std::string& text : vexa_test::log_texts(r.log))
-            lines += text.compare(0, 12, "waitpid pid=") == 0 ? 1 : 0;
-        return lines;
-    };
+    const auto reaped = [&] { return vexa_test::count_log_prefix(r.log, "waitpid pid="); };
     // Launched while the loop sleeps without a time limit (no client yet):
     // the launch must wake it.
     r.server->run_test(kPeer.c_str(), "silent", nullptr);  // never connects

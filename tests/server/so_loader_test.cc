@@ -3,8 +3,6 @@
 #include "server/so_loader.h"
 
 #include <dlfcn.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <string>
