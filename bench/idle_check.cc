@@ -1,25 +1,21 @@
 #include "idle_check.h"
 
-#include <arpa/inet.h>
-#include <fcntl.h>
-#include <netinet/in.h>
-#include <signal.h>
-#include <spawn.h>
 #include <sys/resource.h>
-#include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <deque>
+#include <string>
 #include <thread>
 #include <vector>
 
 #include "frames.h"
 #include "library_rig.h"
 #include "statistics.h"
-
-extern char** environ;
+#include "support/framed_peer.h"
+#include "support/test_support.h"
 
 namespace bench {
 namespace {
@@ -36,32 +32,6 @@ bool raise_open_file_limit(int count) {
     if (limit.rlim_max < needed)
         limit.rlim_max = needed;  // works for root only
     return setrlimit(RLIMIT_NOFILE, &limit) == 0;
-}
-
-// This program again with `args`; its standard input is a pipe whose write
-// end goes to *stdinWrite. 0 when it could not be started.
-pid_t spawn_self(const std::string& self, std::vector<std::string> args, int* stdinWrite) {
-    int fds[2];
-    if (pipe2(fds, O_CLOEXEC) != 0)
-        return 0;
-    args.insert(args.begin(), self);
-    std::vector<char*> argv;
-    for (auto& arg : args)
-        argv.push_back(arg.data());
-    argv.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, fds[0], STDIN_FILENO);
-    pid_t pid = 0;
-    int rc = posix_spawn(&pid, self.c_str(), &actions, nullptr, argv.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    close(fds[0]);
-    if (rc != 0) {
-        close(fds[1]);
-        return 0;
-    }
-    *stdinWrite = fds[1];
-    return pid;
 }
 
 void wait_for_end_of_stdin() {
@@ -97,30 +67,20 @@ int run_idle_connections(int port, int count) {
         std::perror("setrlimit(RLIMIT_NOFILE)");
         return 1;
     }
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    addr.sin_port = htons(static_cast<uint16_t>(port));
-    const int32_t pid = getpid();
-    std::vector<int> sockets;
+    std::deque<vexa_test::FramedConn> connections;
     for (int i = 0; i < count; ++i) {
-        int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        const std::string dev = "idle" + std::to_string(i);
-        // The body is the pid in this machine's byte order, as a client sends it.
-        if (fd < 0 || connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0 ||
-            !write_frame(fd, CLIENT_IPC_CONFIG, &pid, sizeof(pid), dev.c_str(), kTestItem)) {
+        vexa_test::FramedConn& conn = connections.emplace_back();
+        if (!conn.connectTo(port) ||
+            !conn.registerAs("idle" + std::to_string(i), kTestItem, getpid())) {
             std::perror("idle connection");
             return 1;
         }
-        sockets.push_back(fd);
     }
     wait_for_end_of_stdin();
-    for (int fd : sockets)
-        close(fd);
     return 0;
 }
 
-IdleResult measure_idle(const std::string& self, IdleLoad load, bool logsOn, double seconds) {
+IdleResult measure_idle(IdleLoad load, bool logsOn, double seconds) {
     IdleResult result;
     result.load = load;
     result.logsOn = logsOn;
@@ -133,30 +93,29 @@ IdleResult measure_idle(const std::string& self, IdleLoad load, bool logsOn, dou
     if (server == nullptr)
         return result;
 
-    std::vector<pid_t> children;
-    std::vector<int> stdinPipes;
+    vexa_test::TempDir outputs("vexa-bench-idle-");
+    std::deque<vexa_test::Child> children;
     const int processes = load.rawConnections ? 1 : load.clients;
     for (int i = 0; i < processes; ++i) {
-        std::vector<std::string> args =
+        const std::vector<std::string> argv =
             load.rawConnections
-                ? std::vector<std::string>{"--idle-connections", std::to_string(port),
-                                           std::to_string(load.clients)}
-                : std::vector<std::string>{"--idle-client", "tcp://:" + std::to_string(port),
+                ? std::vector<std::string>{"/proc/self/exe", "--idle-connections",
+                                           std::to_string(port), std::to_string(load.clients)}
+                : std::vector<std::string>{"/proc/self/exe", "--idle-client",
+                                           "tcp://:" + std::to_string(port),
                                            "idle" + std::to_string(i)};
-        int stdinWrite = -1;
-        pid_t pid = spawn_self(self, args, &stdinWrite);
-        if (pid == 0)
+        if (!children.emplace_back(argv, outputs.path()).started()) {
+            children.pop_back();
             break;
-        children.push_back(pid);
-        stdinPipes.push_back(stdinWrite);
+        }
     }
 
     if (static_cast<int>(children.size()) == processes &&
         registrations.waitFor(load.clients, 60000)) {
         std::this_thread::sleep_for(std::chrono::milliseconds(300));
         std::vector<double> childBefore;
-        for (pid_t pid : children)
-            childBefore.push_back(process_cpu_seconds(pid));
+        for (const vexa_test::Child& child : children)
+            childBefore.push_back(process_cpu_seconds(child.pid()));
         const double cpuBefore = process_cpu_seconds();
         const int64_t wallBefore = now_ns();
         std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
@@ -164,25 +123,20 @@ IdleResult measure_idle(const std::string& self, IdleLoad load, bool logsOn, dou
         const double wall = static_cast<double>(now_ns() - wallBefore) / 1e9;
         double childTotal = 0;
         for (size_t i = 0; i < children.size(); ++i)
-            childTotal += process_cpu_seconds(children[i]) - childBefore[i];
+            childTotal += process_cpu_seconds(children[i].pid()) - childBefore[i];
         result.ok = true;
         result.serverPercent = (cpuAfter - cpuBefore) / wall * 100.0;
         result.clientPercent = childTotal / static_cast<double>(children.size()) / wall * 100.0;
     }
 
-    for (int fd : stdinPipes)
-        close(fd);  // the clients leave
-    const int64_t giveUp = now_ns() + int64_t{10} * 1000000000;
-    for (pid_t pid : children) {
-        int status = 0;
-        while (waitpid(pid, &status, WNOHANG) == 0) {
-            if (now_ns() > giveUp) {
-                kill(pid, SIGKILL);
-                waitpid(pid, &status, 0);
-                break;
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
+    for (vexa_test::Child& child : children)
+        child.closeInput();  // the clients leave
+    // One bound of 10 s for them all, not 10 s each.
+    const long long giveUp = vexa_test::monotonic_ms() + 10000;
+    for (vexa_test::Child& child : children) {
+        child.wait(static_cast<int>(std::max(0LL, giveUp - vexa_test::monotonic_ms())));
+        // Their output went to files; what they complained about belongs on ours.
+        std::fputs(child.err().c_str(), stderr);
     }
     ipc_uninit_server(server);
     remove_endpoint_logs();

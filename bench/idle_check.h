@@ -4,8 +4,6 @@
 #ifndef VEXA_BENCH_IDLE_CHECK_H
 #define VEXA_BENCH_IDLE_CHECK_H
 
-#include <string>
-
 namespace bench {
 
 // Who keeps the server company.
@@ -26,7 +24,7 @@ struct IdleResult {
     double clientPercent = 0;  // of one core, per child process
 };
 
-IdleResult measure_idle(const std::string& self, IdleLoad load, bool logsOn, double seconds);
+IdleResult measure_idle(IdleLoad load, bool logsOn, double seconds);
 
 // The children's sides, run by main for its child modes: connect and register,
 // then wait for the end of standard input and leave.

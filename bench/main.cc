@@ -88,16 +88,11 @@ bool run_round(std::vector<Transport>& transports, const Settings& s) {
 
 std::vector<IdleResult> run_idle_checks(const Settings& s) {
     std::vector<IdleResult> results;
-    char self[4096];
-    ssize_t length = readlink("/proc/self/exe", self, sizeof(self) - 1);
-    if (length <= 0)
-        return results;
-    self[length] = '\0';
     for (IdleLoad load : {IdleLoad{kIdleClients, false}, IdleLoad{kManyIdleClients, true}}) {
         for (bool logsOn : {false, true}) {
             std::fprintf(stderr, "idle CPU, %d clients, logs %s, %.1f s\n", load.clients,
                          logsOn ? "on" : "off", s.idleSeconds);
-            results.push_back(measure_idle(self, load, logsOn, s.idleSeconds));
+            results.push_back(measure_idle(load, logsOn, s.idleSeconds));
         }
     }
     return results;

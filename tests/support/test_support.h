@@ -90,6 +90,7 @@ class Child {
     Child& operator=(const Child&) = delete;
 
     bool started() const { return m_pid > 0; }
+    pid_t pid() const { return m_pid; }
     bool type(const std::string& text);
     void closeInput();
     std::string out() const { return read_file(m_out); }
