@@ -69,16 +69,16 @@ const char* body_bytes() {
     return body.data();
 }
 
-void encode_head(uint8_t* head, const char* dev, int32_t item, int32_t eventId, int32_t len) {
+void encode_head(uint8_t* head, int32_t eventId, int32_t len) {
     std::memset(head, 0, kHeadSize);
-    std::strncpy(reinterpret_cast<char*>(head), dev, 79);
+    std::strncpy(reinterpret_cast<char*>(head), kTestDev, kDevSize - 1);
     timeval tv{};
     gettimeofday(&tv, nullptr);
-    put32(head + 80, item);
-    put32(head + 84, eventId);
-    put32(head + 88, static_cast<int32_t>(tv.tv_sec));
-    put32(head + 92, static_cast<int32_t>(tv.tv_usec));
-    put32(head + 96, len);
+    put32(head + kItemOffset, kTestItem);
+    put32(head + kEventOffset, eventId);
+    put32(head + kSecOffset, static_cast<int32_t>(tv.tv_sec));
+    put32(head + kUsecOffset, static_cast<int32_t>(tv.tv_usec));
+    put32(head + kLenOffset, len);
 }
 
 int32_t get32(const uint8_t* at) {
@@ -87,10 +87,9 @@ int32_t get32(const uint8_t* at) {
                                 (static_cast<uint32_t>(at[2]) << 8) | static_cast<uint32_t>(at[3]));
 }
 
-bool write_frame(int fd, int32_t eventId, const void* body, int32_t len, const char* dev,
-                 int32_t item) {
+bool write_frame(int fd, int32_t eventId, const void* body, int32_t len) {
     uint8_t head[kHeadSize];
-    encode_head(head, dev, item, eventId, len);
+    encode_head(head, eventId, len);
     iovec iov[2] = {{head, kHeadSize}, {const_cast<void*>(body), static_cast<size_t>(len)}};
     return write_all(fd, iov, len > 0 ? 2 : 1);
 }
@@ -99,8 +98,8 @@ bool read_frame(int fd, int32_t* eventId, char* body, int32_t* len) {
     uint8_t head[kHeadSize];
     if (!read_all(fd, head, kHeadSize))
         return false;
-    *eventId = get32(head + 84);
-    *len = get32(head + 96);
+    *eventId = get32(head + kEventOffset);
+    *len = get32(head + kLenOffset);
     if (*len < 0 || *len > kBiggestBody)
         return false;
     return *len == 0 || read_all(fd, body, static_cast<size_t>(*len));

@@ -213,8 +213,7 @@ int main(int argc, char** argv) {
     unsetenv("VEXA_BENCH_OWNS_LOG_DIR");
     signal(SIGPIPE, SIG_IGN);
     body_bytes();
-    settings.pinnedCpu = pinned_cpu();
-    print_header(settings);
+    print_header(pinned_cpu());
 
     LibraryRig rigLogsOff;
     LibraryRig rigLogsOn;

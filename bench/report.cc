@@ -170,9 +170,9 @@ void progress(const std::string& transport, const std::string& what, int32_t siz
                  size_name(size).c_str(), figure.c_str());
 }
 
-void print_header(const Settings& settings) {
-    if (settings.pinnedCpu >= 0) {
-        std::printf("Pinned: every process and thread of this run on CPU %d\n", settings.pinnedCpu);
+void print_header(int pinnedCpu) {
+    if (pinnedCpu >= 0) {
+        std::printf("Pinned: every process and thread of this run on CPU %d\n", pinnedCpu);
     } else {
         std::printf("Not pinned: processes and threads go wherever the system puts them\n");
     }

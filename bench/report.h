@@ -19,8 +19,9 @@ std::string fixed(double value, int decimals);
 void progress(const std::string& transport, const std::string& what, int32_t size,
               const std::string& figure);
 
-// Whether the run is pinned, first thing on standard output.
-void print_header(const Settings& settings);
+// Whether the run is pinned, first thing on standard output. pinnedCpu: the
+// one CPU the run is bound to, -1 when it may use more.
+void print_header(int pinnedCpu);
 // syscallsWhy: empty when system calls were counted, else why they were not.
 void print_report(const std::vector<Transport>& transports, const Settings& settings,
                   const std::string& syscallsWhy, const std::vector<IdleResult>& idle);

@@ -21,8 +21,7 @@ struct Settings {
     int syscallMessages = 2000;
     std::string only;  // run only the transports whose name contains this
     std::vector<int32_t> sizes = {0, 1024, 65536, kBiggestBody};
-    int pinCpu = -1;     // --pin: the CPU asked for
-    int pinnedCpu = -1;  // the one CPU the run is bound to, -1 when it may use more
+    int pinCpu = -1;  // --pin: the CPU asked for
 };
 
 }  // namespace bench

@@ -13,7 +13,7 @@ namespace {
 
 std::vector<char> zmq_frame(int32_t eventId, const void* body, int32_t len) {
     std::vector<char> frame(static_cast<size_t>(kHeadSize + len));
-    encode_head(reinterpret_cast<uint8_t*>(frame.data()), kTestDev, kTestItem, eventId, len);
+    encode_head(reinterpret_cast<uint8_t*>(frame.data()), eventId, len);
     if (len > 0)
         std::memcpy(frame.data() + kHeadSize, body, static_cast<size_t>(len));
     return frame;
@@ -22,7 +22,7 @@ std::vector<char> zmq_frame(int32_t eventId, const void* body, int32_t len) {
 int32_t zmq_event(zmq_msg_t* msg) {
     if (zmq_msg_size(msg) < static_cast<size_t>(kHeadSize))
         return -1;
-    return get32(static_cast<const uint8_t*>(zmq_msg_data(msg)) + 84);
+    return get32(static_cast<const uint8_t*>(zmq_msg_data(msg)) + kEventOffset);
 }
 
 // Two sockets of the given types, the first bound to an ephemeral loopback port.
