@@ -419,13 +419,14 @@ TEST(ServerExit, ExitIsAnsweredOnceAndTeardownCutsOffTheRest) {
 // pair, both seen in one pass; meanwhile the socket number of the dead
 // connection is reused by a third connection. Only the dead one may be closed.
 TEST(ServerExit, ReplacingADeadConnectionLeavesItsReusedNumberAlone) {
-    Running r;
-    ASSERT_NE(r.server, nullptr);
-    // The callback of 700, then of 9006, stalls the loop inside its pass until let go.
+    // The callback of 700, then of 9006, stalls the loop inside its pass until
+    // let go. Made before the server, so that they outlive its last callback.
     std::mutex lock;
     std::condition_variable changed;
     int stalls = 0;
     int letGo = 0;
+    Running r;
+    ASSERT_NE(r.server, nullptr);
     r.events.onEvent([&](const Event& e) {
         if (e.event != 700 && e.event != CLIENT_IPC_OFFLINE)
             return;
