@@ -51,7 +51,7 @@ mkdir -p "$stage/jni/arm64-v8a" "$module/include" "$libs"
 cp "$root/java/aar/AndroidManifest.xml" "$root/java/aar/proguard.txt" "$stage/"
 cp "$build/java/vexatool.jar" "$stage/classes.jar"
 cp "$build/src/api/libvexatool64.so" "$build/java/libvexatool64_jni.so" "$stage/jni/arm64-v8a/"
-cp "$root/include/vexatool.h" "$module/include/"
+cp "$build/include/vexatool.h" "$module/include/"
 cp "$build/src/api/libvexatool64.so" "$libs/"
 cat >"$stage/prefab/prefab.json" <<JSON
 {
@@ -82,4 +82,4 @@ JSON
 aar="$out/vexatool-$version.aar"
 rm -f "$aar"
 (cd "$stage" && zip -q -r -X "$aar" .)
-python3 "$root/scripts/check-aar.py" "$aar" "$root/include/vexatool.h"
+python3 "$root/scripts/check-aar.py" "$aar" "$build/include/vexatool.h"

@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 # Checks the layout and metadata of a vexatool AAR:
-#   scripts/check-aar.py build-aar/vexatool-1.0.0.aar include/vexatool.h
+#   scripts/check-aar.py build-aar/vexatool-1.0.0.aar build-aar/cmake-arm64/include/vexatool.h
 import io, json, re, sys, zipfile
 
 MODULE = "prefab/modules/vexatool64/"
