@@ -82,7 +82,7 @@ int test_callback(void* user, int32_t /*item*/, int32_t eventId, const char* /*d
 }  // namespace
 
 std::string endpoint_log_dir() {
-    const char* dir = std::getenv("VEXA_TEST_ENDPOINT_LOG_DIR");
+    const char* dir = std::getenv("VEXA_LOG_DIR");
     std::string path = dir != nullptr ? dir : "";
     if (!path.empty() && path.back() != '/')
         path += '/';

@@ -16,7 +16,7 @@
 
 namespace bench {
 
-// The endpoints' log directory (VEXA_TEST_ENDPOINT_LOG_DIR, ending in "/"),
+// The endpoints' log directory (VEXA_LOG_DIR, ending in "/"),
 // "" when the variable is not set.
 std::string endpoint_log_dir();
 // Logs off puts the marker file ipc_notprint.txt there, logs on removes it;

@@ -5,9 +5,8 @@
 //
 // Host and test are a server and a client endpoint in this process; see
 // library_rig.h for who sends from which thread. The endpoint logs go to a
-// temporary directory (VEXA_TEST_ENDPOINT_LOG_DIR, read by the test copy of
-// the library when it is loaded, so the program sets it and starts itself
-// again). All traffic stays on 127.0.0.1 and every case is bounded in time.
+// temporary directory (VEXA_LOG_DIR, set before any endpoint is made). All
+// traffic stays on 127.0.0.1 and every case is bounded in time.
 #include <sched.h>
 #include <signal.h>
 #include <unistd.h>
@@ -177,9 +176,8 @@ int pinned_cpu() {
     return -1;
 }
 
-// Starts the program again with VEXA_TEST_ENDPOINT_LOG_DIR set to a fresh
-// temporary directory: the library reads it when it is loaded.
-void reexec_with_log_dir(char** argv) {
+// Points VEXA_LOG_DIR at a fresh temporary directory.
+void make_log_dir() {
     const char* tmp = std::getenv("TMPDIR");
     std::string pattern =
         std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") + "/vexa-bench-XXXXXX";
@@ -189,11 +187,7 @@ void reexec_with_log_dir(char** argv) {
         std::perror("mkdtemp");
         std::exit(1);
     }
-    setenv("VEXA_TEST_ENDPOINT_LOG_DIR", (std::string(name.data()) + "/").c_str(), 1);
-    setenv("VEXA_BENCH_OWNS_LOG_DIR", "1", 1);
-    execv("/proc/self/exe", argv);
-    std::perror("execv");
-    std::exit(1);
+    setenv("VEXA_LOG_DIR", (std::string(name.data()) + "/").c_str(), 1);
 }
 
 }  // namespace
@@ -207,10 +201,9 @@ int main(int argc, char** argv) {
     Settings settings = parse_options(argc, argv);
     if (settings.pinCpu >= 0)
         pin_to(settings.pinCpu);
-    if (endpoint_log_dir().empty())
-        reexec_with_log_dir(argv);
-    const bool ownsDir = std::getenv("VEXA_BENCH_OWNS_LOG_DIR") != nullptr;
-    unsetenv("VEXA_BENCH_OWNS_LOG_DIR");
+    const bool ownsDir = endpoint_log_dir().empty();
+    if (ownsDir)
+        make_log_dir();
     signal(SIGPIPE, SIG_IGN);
     body_bytes();
     print_header(pinned_cpu());

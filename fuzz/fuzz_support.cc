@@ -6,7 +6,6 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "core/log_dir.h"
 
 namespace vexa_fuzz {
 namespace {
@@ -54,7 +53,7 @@ void init_sandbox() {
     make_private_dir(root() + "endpoint");
     make_private_dir(root() + "common");
     setenv("QZ_LOGPATH", (root() + "common/").c_str(), 1);
-    vexa::set_endpoint_log_dir_for_testing(root() + "endpoint/");
+    setenv("VEXA_LOG_DIR", (root() + "endpoint/").c_str(), 1);
 }
 
 std::string sandbox_file(const std::string& name) {

@@ -42,8 +42,7 @@ check_needs() {
     done < <(readelf -dW "$lib" | sed -n 's/.*(NEEDED).*\[\(.*\)\]$/\1/p')
 }
 
-core=$(find "$build" -name libvexatool64.so -not -path '*/CMakeFiles/*' -not -path '*/testing-lib/*' |
-    head -n 1)
+core=$(find "$build" -name libvexatool64.so -not -path '*/CMakeFiles/*' | head -n 1)
 if [ -z "$core" ]; then
     fail "libvexatool64.so not found in $build"
 else

@@ -11,11 +11,8 @@
 # registers, says hello, echoes the host's ping, says bye on the host's leave
 # and closes; the tool then exits 0.
 #
-# The shipped library logs into the device directory /mnt/sdcard/vexa/. So that
-# the demo leaves nothing outside the build tree and its logs can be read, it
-# runs with the library's test build (the same code, built as
-# build/testing-lib/libvexatool64.so), whose endpoint log directory comes from
-# VEXA_TEST_ENDPOINT_LOG_DIR: the logs land in build/demo-logs/.
+# The library logs into the device directory /mnt/sdcard/vexa/ unless
+# VEXA_LOG_DIR names another: the demo's logs land in build/demo-logs/.
 set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 source "$root/scripts/ensure-packages.sh"
@@ -28,7 +25,7 @@ cmake -S "$root" -B "$build" -G Ninja \
     -DVEXA_WERROR=ON \
     -DCMAKE_C_FLAGS="" -DCMAKE_CXX_FLAGS="" \
     -DCMAKE_EXE_LINKER_FLAGS="" -DCMAKE_SHARED_LINKER_FLAGS=""
-cmake --build "$build" --target vexahost vexa_example_test vexa_example_test_so vexatool64_testing
+cmake --build "$build" --target vexahost vexa_example_test vexa_example_test_so
 
 port=$(python3 - <<'PY'
 import socket
@@ -52,6 +49,6 @@ library="$build/examples/libvexa_example_test_so.so"
 echo "== vexahost --demo $* -a tcp://:$port $program $library"
 logs="$build/demo-logs/"
 rm -rf "$logs"
-LD_LIBRARY_PATH="$build/testing-lib" VEXA_TEST_ENDPOINT_LOG_DIR="$logs" \
+VEXA_LOG_DIR="$logs" \
     timeout 60 "$build/tools/vexahost" --demo "$@" -a "tcp://:$port" "$program" "$library" </dev/null
 echo "== both tests closed; endpoint logs: $(cd "$logs" && ls | tr '\n' ' ')(in $logs)"

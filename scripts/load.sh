@@ -29,7 +29,7 @@ mkdir -p "$work/logs"
 if [ "$logs" -eq 0 ]; then
     : >"$work/logs/ipc_notprint.txt"
 fi
-export VEXA_TEST_ENDPOINT_LOG_DIR="$work/logs/"
+export VEXA_LOG_DIR="$work/logs/"
 export QZ_LOGPATH="$work/logs/"
 export VEXA_LOAD_FULL=1
 "$build/tests/api/api_load_test" --gtest_filter='Load.*'

@@ -33,7 +33,7 @@ for name in api_test api_load_test; do
     report="$build/valgrind-$name.txt"
     echo "== $name under memcheck (report: $report)"
     rc=0
-    VEXA_TEST_ENDPOINT_LOG_DIR="$logs" QZ_LOGPATH="$logs" \
+    VEXA_LOG_DIR="$logs" QZ_LOGPATH="$logs" \
         valgrind --tool=memcheck --leak-check=full --errors-for-leak-kinds=definite,indirect \
         --error-exitcode=1 --trace-children=no --child-silent-after-fork=yes \
         --log-file="$report" "$binary" || rc=$?

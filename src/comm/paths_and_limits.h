@@ -7,9 +7,10 @@
 namespace vexa {
 
 // Directory of the endpoints' logs and marker files, and the default of the
-// common log's directory (QZ_LOGPATH). A build may move the endpoints' one
-// (VEXA_ENDPOINT_LOG_DIR); no setting at run time does.
+// common log's directory (QZ_LOGPATH). A build may move the endpoints' default
+// (VEXA_ENDPOINT_LOG_DIR), and the setting below moves it at run time.
 constexpr char kDefaultLogDir[] = "/mnt/sdcard/vexa/";
+constexpr char kLogDirVariable[] = "VEXA_LOG_DIR";
 // Marker files in that directory, looked for when an endpoint is made.
 constexpr char kSilenceMarker[] = "ipc_notprint.txt";  // the endpoint writes no log
 constexpr char kTraceMarker[] = "ipc_sendrecv.txt";    // every message is logged

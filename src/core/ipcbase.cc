@@ -38,9 +38,7 @@ IPCBase::IPCBase(IPCCallback callback, void* user, const std::string& logFileNam
     : m_callback(callback), m_user(user) {
     const std::string dir = endpoint_log_dir();
     const bool flush = true;
-    if (!comm::is_dir_exist(dir)) {
-        comm::make_dir(dir);
-    }
+    make_endpoint_log_dir(dir);
     const bool enabled = !comm::file_exists(dir + kSilenceMarker);
     m_traceSendRecv = comm::file_exists(dir + kTraceMarker);
     m_logger = std::make_unique<comm::Logger>(dir + logFileName, enabled, true, flush,

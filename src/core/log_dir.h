@@ -1,10 +1,8 @@
 // Directory of the endpoints' log files and marker files.
 //
-// The shipped library always uses the build-time default "/mnt/sdcard/vexa/";
-// no environment variable or exported function changes it. The setter exists
-// only so that test binaries, which link the internal library, can give every
-// test process a private directory and run in parallel without touching the
-// device path. Nothing in the library calls it.
+// The fixed "/mnt/sdcard/vexa/" unless VEXA_LOG_DIR names another directory;
+// it is read each time an endpoint is made, so a host may point each endpoint
+// somewhere else, and the programs it launches inherit the setting.
 #ifndef VEXA_CORE_LOG_DIR_H
 #define VEXA_CORE_LOG_DIR_H
 
@@ -12,10 +10,12 @@
 
 namespace vexa {
 
-// The directory, ending with "/".
+// The directory, ending with "/". A VEXA_LOG_DIR without the final "/" gets
+// one (unlike the QZ_ paths, which keep only what comes before their last "/").
 std::string endpoint_log_dir();
-// Test seam, see above. `dir` must end with "/".
-void set_endpoint_log_dir_for_testing(const std::string& dir);
+// Makes the directory when it is missing: the default one level deep, as it
+// always has been; one from VEXA_LOG_DIR with its parents (mode 0755).
+void make_endpoint_log_dir(const std::string& dir);
 
 }  // namespace vexa
 

@@ -26,7 +26,7 @@ const std::string kPort = std::to_string(vexa_test::free_loopback_port());
 const char* const kEmulator = VEXA_TEST_EMULATOR;
 
 std::string log_dir() {
-    const char* dir = std::getenv("VEXA_TEST_ENDPOINT_LOG_DIR");
+    const char* dir = std::getenv("VEXA_LOG_DIR");
     return dir != nullptr ? dir : "";
 }
 

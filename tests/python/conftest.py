@@ -30,8 +30,7 @@ def address():
 
 @pytest.fixture
 def c_env(tmp_path):
-    env = dict(os.environ, LD_LIBRARY_PATH=build_path("VEXA_TESTING_LIB_DIR"),
-               VEXA_TEST_ENDPOINT_LOG_DIR=str(tmp_path / "logs") + "/",
+    env = dict(os.environ, VEXA_LOG_DIR=str(tmp_path / "logs") + "/",
                QZ_LOGPATH=str(tmp_path / "logs") + "/")
     env.setdefault("TZ", "UTC0")
     return env

@@ -7,7 +7,6 @@
 
 #include <gtest/gtest.h>
 
-#include "core/log_dir.h"
 #include "support/test_support.h"
 
 int main(int argc, char** argv) {
@@ -18,8 +17,7 @@ int main(int argc, char** argv) {
     vexa_test::make_dirs(sandbox.path() + "qz/");
     vexa_test::make_dirs(vexa_test::endpoint_dir());
     setenv("QZ_LOGPATH", (sandbox.path() + "qz/").c_str(), 1);
-    setenv("VEXA_TEST_ENDPOINT_LOG_DIR", vexa_test::endpoint_dir().c_str(), 1);
-    vexa::set_endpoint_log_dir_for_testing(vexa_test::endpoint_dir());
+    setenv("VEXA_LOG_DIR", vexa_test::endpoint_dir().c_str(), 1);
     const int rc = RUN_ALL_TESTS();
     return rc;
 }

@@ -35,10 +35,9 @@ class VexahostTest : public ::testing::Test {
     }
 
     // A child whose endpoint logs, and those of everything it starts, go to
-    // the test's directory, through the testing build of the library.
+    // the test's directory.
     std::unique_ptr<Child> run(std::vector<std::string> argv, bool keepInput = false) {
-        std::vector<std::string> env = {std::string("LD_LIBRARY_PATH=") + VEXA_TESTING_LIB_DIR,
-                                        "VEXA_TEST_ENDPOINT_LOG_DIR=" + m_dir.file("logs/"),
+        std::vector<std::string> env = {"VEXA_LOG_DIR=" + m_dir.file("logs/"),
                                         "QZ_LOGPATH=" + m_dir.file("logs/")};
         // With TZ unset, glibc's tzset copies its zone name again on every
         // call, under a lock ThreadSanitizer cannot see, in a host that logs
