@@ -92,6 +92,7 @@ void print_usage(FILE* out, const char* prog) {
                  "  --json             print each event as one JSON object (other text to stderr)\n"
                  "  --junit-xml FILE   write a JUnit XML report, one test case per launched test\n"
                  "  -h, --help         this text\n"
+                 "  --version          the tool's (and library's) version\n"
                  "\n"
                  "Without --su, programs start directly. The tool ends once every launched test\n"
                  "has registered and then closed, or on quit, Ctrl-C or SIGTERM.\n",
@@ -100,7 +101,7 @@ void print_usage(FILE* out, const char* prog) {
 
 // Returns false after printing why the command line is not usable.
 bool parse_options(int argc, char** argv, Options& opts) {
-    enum { kOptSu = 256, kOptSuPrefix, kOptPreCmd, kOptDemo, kOptJson, kOptJunitXml };
+    enum { kOptSu = 256, kOptSuPrefix, kOptPreCmd, kOptDemo, kOptJson, kOptJunitXml, kOptVersion };
     static const option kLong[] = {{"su", no_argument, nullptr, kOptSu},
                                    {"su-prefix", required_argument, nullptr, kOptSuPrefix},
                                    {"pre-cmd", required_argument, nullptr, kOptPreCmd},
@@ -108,6 +109,7 @@ bool parse_options(int argc, char** argv, Options& opts) {
                                    {"json", no_argument, nullptr, kOptJson},
                                    {"junit-xml", required_argument, nullptr, kOptJunitXml},
                                    {"help", no_argument, nullptr, 'h'},
+                                   {"version", no_argument, nullptr, kOptVersion},
                                    {nullptr, 0, nullptr, 0}};
     bool preCmdGiven = false;
     int c;
@@ -144,6 +146,9 @@ bool parse_options(int argc, char** argv, Options& opts) {
                 break;
             case 'h':
                 print_usage(stdout, argv[0]);
+                std::exit(kExitOk);
+            case kOptVersion:
+                std::printf("vexahost %s\n", VEXA_VERSION_STRING);
                 std::exit(kExitOk);
             default:
                 print_usage(stderr, argv[0]);
