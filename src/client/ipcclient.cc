@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "comm/thread_util.h"
+#include "core/launch_token.h"
 #include "core/server_address.h"
 
 namespace vexa {
@@ -43,6 +44,7 @@ IPCClient::IPCClient(const char* servPath, ClientCallback callback, void* user, 
         m_logger->writeFormat("serv_path invalid %s", path.c_str());
         comm::throw_failure();
     }
+    m_launchToken = client_launch_token(path);
 }
 
 IPCClient::~IPCClient() {
@@ -86,9 +88,14 @@ int IPCClient::setupSocket() {
         comm::throw_failure();
     }
 
-    // The body is the pid in this machine's byte order, unlike the head.
+    // The body is the pid in this machine's byte order, unlike the head, and
+    // the launch token when this test was given one.
     const int32_t pid = static_cast<int32_t>(getpid());
-    return send(CLIENT_IPC_CONFIG, &pid, static_cast<int32_t>(sizeof(pid))) ? 1 : 0;
+    char body[sizeof(pid) + kLaunchTokenLength];
+    std::memcpy(body, &pid, sizeof(pid));
+    std::memcpy(body + sizeof(pid), m_launchToken.data(), m_launchToken.size());
+    const auto length = static_cast<int32_t>(sizeof(pid) + m_launchToken.size());
+    return send(CLIENT_IPC_CONFIG, body, length) ? 1 : 0;
 }
 
 bool IPCClient::send(int32_t eventId, const void* data, int32_t dataLen) {

@@ -66,6 +66,8 @@ class IPCClient : public IPCBase {
     int32_t m_testItem;
     int32_t m_port = 0;
     std::string m_host;
+    // Sent with the registration; "" when this test was not given one.
+    std::string m_launchToken;
     // Set by the processing thread when the server grants closing or the
     // connection is lost; polled by the thread in onStop.
     std::atomic<bool> m_canClose{false};

@@ -2,6 +2,7 @@
 
 #include <dlfcn.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdarg>
 #include <cstdlib>
@@ -75,7 +76,7 @@ Logger::~Logger() {
 }
 
 void Logger::open(const std::string& path, bool enabled, bool append, bool flush, int32_t maxSize) {
-    std::lock_guard<std::mutex> guard(m_lock);
+    LockGuard guard(m_lock);
     m_file = nullptr;
     m_buffer = nullptr;
     m_enabled = enabled;
@@ -84,11 +85,14 @@ void Logger::open(const std::string& path, bool enabled, bool append, bool flush
     }
     g_logFlush = flush;
     m_path = path;
+    m_maxSize = maxSize > 0 ? maxSize : 0;
+    m_append = append;
     if (maxSize > 0 && maxSize <= file_size(path)) {
         file_remove(path);
     }
     // "e": the log must not be inherited by launched test programs.
     m_file = std::fopen(path.c_str(), append ? "ate" : "wte");
+    m_size = m_file != nullptr ? std::max<int64_t>(stream_size(m_file), 0) : 0;
     m_toAndroidLog =
         (m_file == nullptr || env_get_bool("VEXA_LOGCAT", false)) && android_log_write() != nullptr;
     if (m_file == nullptr && !m_toAndroidLog) {
@@ -105,7 +109,7 @@ void Logger::writeLine(const std::string& text) {
     if (!m_enabled) {
         return;
     }
-    std::lock_guard<std::mutex> guard(m_lock);
+    LockGuard guard(m_lock);
     writeStamped(text.c_str());
 }
 
@@ -113,7 +117,7 @@ void Logger::writeFormat(const char* format, ...) {
     if (!m_enabled) {
         return;
     }
-    std::lock_guard<std::mutex> guard(m_lock);
+    LockGuard guard(m_lock);
     std::memset(m_buffer, 0, vexa::kLogBufferSize);
     va_list args;
     va_start(args, format);
@@ -143,10 +147,21 @@ void Logger::writeStamped(const char* text) {
     if (g_logFlush) {
         std::fflush(m_file);
     }
+    m_size += static_cast<int64_t>(length + std::strlen(text) + 1);
+    if (m_maxSize > 0 && m_size >= m_maxSize) {
+        restart();
+    }
+}
+
+void Logger::restart() {
+    std::fclose(m_file);
+    file_remove(m_path);
+    m_file = std::fopen(m_path.c_str(), m_append ? "ate" : "wte");
+    m_size = 0;
 }
 
 void Logger::close() {
-    std::lock_guard<std::mutex> guard(m_lock);
+    LockGuard guard(m_lock);
     if (m_file != nullptr) {
         std::fclose(m_file);
         m_file = nullptr;
@@ -158,6 +173,7 @@ void Logger::close() {
 }
 
 FILE* Logger::fileHandle() const {
+    LockGuard guard(m_lock);
     return m_file;
 }
 

@@ -16,10 +16,10 @@
 #include <atomic>
 #include <cstdint>
 #include <cstdio>
-#include <mutex>
 #include <string>
 
 #include "comm/paths_and_limits.h"
+#include "comm/thread_util.h"
 #include "comm/time_util.h"
 
 #if defined(__GNUC__)
@@ -44,7 +44,8 @@ class Logger {
     Logger& operator=(const Logger&) = delete;
 
     // A disabled logger touches no file. With maxSize > 0 an existing file of
-    // at least that size is deleted first; the size is checked only here.
+    // at least that size is deleted first, and so is the file once the lines
+    // written bring it to that size: it then starts afresh.
     // A file that cannot be opened leaves the logger without a file, with no
     // report (its lines then go to Android's log where there is one).
     void open(const std::string& path, bool enabled, bool append, bool flush, int32_t maxSize);
@@ -55,15 +56,20 @@ class Logger {
     FILE* fileHandle() const;
 
   private:
-    void writeStamped(const char* text);
+    void writeStamped(const char* text) REQUIRES(m_lock);
+    // Deletes the file and opens it again, empty.
+    void restart() REQUIRES(m_lock);
 
-    std::string m_path;
-    FILE* m_file;
+    std::string m_path GUARDED_BY(m_lock);
+    FILE* m_file GUARDED_BY(m_lock);
     std::atomic<bool> m_enabled;  // set at open, read by every writer
-    bool m_toAndroidLog = false;  // set at open under m_lock
-    char* m_buffer;               // kLogBufferSize bytes, guarded by m_lock
-    DisplayStampCache m_stamps;   // guarded by m_lock
-    std::mutex m_lock;
+    bool m_toAndroidLog GUARDED_BY(m_lock) = false;
+    char* m_buffer GUARDED_BY(m_lock);  // kLogBufferSize bytes
+    DisplayStampCache m_stamps GUARDED_BY(m_lock);
+    int64_t m_size GUARDED_BY(m_lock) = 0;     // of the file, as far as this logger wrote it
+    int64_t m_maxSize GUARDED_BY(m_lock) = 0;  // 0: no limit
+    bool m_append GUARDED_BY(m_lock) = true;
+    mutable Lock m_lock;
 };
 
 // One line to the default logger, created on first use in get_log_path().

@@ -7,6 +7,9 @@
 #include <pthread.h>
 
 #include <cstdint>
+#include <mutex>
+
+#include "comm/thread_annotations.h"
 
 namespace comm {
 
@@ -26,7 +29,7 @@ void thread_join(ThreadHandle* handle);
 pthread_t thread_current_id();
 
 // A default (non-recursive) POSIX mutex on the heap; null stands for none.
-struct Mutex {
+struct CAPABILITY("mutex") Mutex {
     pthread_mutex_t native;
 };
 
@@ -34,19 +37,20 @@ Mutex* mutex_create();  // null on failure
 // Null does nothing. A locked mutex is reported and freed all the same.
 void mutex_destroy(Mutex* mutex);
 // 0, or -1 (null mutex: silently; failed call: logged with source and line).
-int mutex_lock(Mutex* mutex, const char* source, int line);
-int mutex_unlock(Mutex* mutex, const char* source, int line);
+// Callers go on after a failure, so the analysis counts the mutex as held.
+int mutex_lock(Mutex* mutex, const char* source, int line) ACQUIRE(mutex);
+int mutex_unlock(Mutex* mutex, const char* source, int line) RELEASE(mutex);
 // Takes the mutex only if it is free at once; never fails spuriously.
-bool mutex_trylock(Mutex* mutex);
+bool mutex_trylock(Mutex* mutex) TRY_ACQUIRE(true, mutex);
 
 // Holds a Mutex for one scope. A failed lock is only reported: the scope runs anyway.
-class MutexGuard {
+class SCOPED_CAPABILITY MutexGuard {
   public:
-    MutexGuard(Mutex* mutex, const char* source, int lockLine, int unlockLine)
+    MutexGuard(Mutex* mutex, const char* source, int lockLine, int unlockLine) ACQUIRE(mutex)
         : m_mutex(mutex), m_source(source), m_unlockLine(unlockLine) {
         mutex_lock(m_mutex, m_source, lockLine);
     }
-    ~MutexGuard() { mutex_unlock(m_mutex, m_source, m_unlockLine); }
+    ~MutexGuard() RELEASE() { mutex_unlock(m_mutex, m_source, m_unlockLine); }
     MutexGuard(const MutexGuard&) = delete;
     MutexGuard& operator=(const MutexGuard&) = delete;
 
@@ -54,6 +58,28 @@ class MutexGuard {
     Mutex* m_mutex;
     const char* m_source;
     int m_unlockLine;
+};
+
+// A small lock for state that is never held across a wait or a call out; the
+// same as std::mutex, with the annotations the analysis reads.
+class CAPABILITY("mutex") Lock {
+  public:
+    void lock() ACQUIRE() { m_native.lock(); }
+    void unlock() RELEASE() { m_native.unlock(); }
+
+  private:
+    std::mutex m_native;
+};
+
+class SCOPED_CAPABILITY LockGuard {
+  public:
+    explicit LockGuard(Lock& lock) ACQUIRE(lock) : m_lock(lock) { m_lock.lock(); }
+    ~LockGuard() RELEASE() { m_lock.unlock(); }
+    LockGuard(const LockGuard&) = delete;
+    LockGuard& operator=(const LockGuard&) = delete;
+
+  private:
+    Lock& m_lock;
 };
 
 // CLOCK_MONOTONIC in milliseconds.

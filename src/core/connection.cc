@@ -1,5 +1,6 @@
 #include "core/connection.h"
 
+#include <sys/epoll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -36,14 +37,47 @@ size_t send_now(int fd, const char* bytes, size_t len, bool* failed) {
 
 }  // namespace
 
-Connection::Connection(int fd, uint64_t serial, MessageBuffer::Pool* pool, SocketUtil* util)
-    : m_fd(fd), m_serial(serial), m_sendLock(comm::mutex_create()), m_util(util), m_input(pool) {}
+Connection::Connection(int fd, uint64_t serial, MessageBuffer::Pool* pool, SocketUtil* util,
+                       int pollSet)
+    : m_fd(fd),
+      m_serial(serial),
+      m_pollSet(pollSet),
+      m_sendLock(comm::mutex_create()),
+      m_util(util),
+      m_input(pool) {}
 
 Connection::~Connection() {
+    // Nobody else holds a reference, so nobody holds either lock.
     if (!m_closed.load()) {
-        ::close(m_fd);
+        closeNow();
     }
     comm::mutex_destroy(m_sendLock);
+}
+
+bool Connection::watch() {
+    comm::LockGuard lock(m_stateLock);
+    if (m_pollSet < 0 || m_closing.load() || m_closed.load()) {
+        return false;
+    }
+    epoll_event interest{};
+    interest.events = EPOLLIN;
+    interest.data.ptr = this;
+    m_watched = epoll_ctl(m_pollSet, EPOLL_CTL_ADD, m_fd, &interest) == 0;
+    return m_watched;
+}
+
+void Connection::unwatch() {
+    // By number, so only while the number is surely still this socket's.
+    if (m_watched && !m_closed.load()) {
+        epoll_ctl(m_pollSet, EPOLL_CTL_DEL, m_fd, nullptr);
+    }
+    m_watched = false;
+}
+
+void Connection::closeNow() {
+    unwatch();
+    ::close(m_fd);
+    m_closed = true;
 }
 
 Connection::SendTurn::SendTurn(Connection& conn, int64_t deadlineMs, InputWhileWaiting* input)
@@ -78,6 +112,7 @@ Connection::SendTurn::~SendTurn() {
     if (!m_held) {
         return;
     }
+    m_conn.heldBySendTurn();
     m_conn.serviceHeld();
     comm::mutex_unlock(m_conn.m_sendLock, kLockSource, kUnlockLine);
     // A request made while the lock was held found it taken and left its work
@@ -88,6 +123,7 @@ Connection::SendTurn::~SendTurn() {
 bool Connection::SendTurn::write(SocketUtil& util, comm::Logger* logger, const uint8_t* head,
                                  const void* body, int32_t bodyLen, const StopFlag* stop,
                                  WriteWait* wait) {
+    m_conn.heldBySendTurn();
     WriteWait own;
     if (wait == nullptr) {
         wait = &own;
@@ -96,7 +132,7 @@ bool Connection::SendTurn::write(SocketUtil& util, comm::Logger* logger, const u
     std::string queued;
     bool queueStarted = false;
     if (m_conn.m_serviceWanted.load()) {
-        std::lock_guard<std::mutex> lock(m_conn.m_stateLock);
+        comm::LockGuard lock(m_conn.m_stateLock);
         queued.swap(m_conn.m_queued);
         queueStarted = m_conn.m_queueStarted;
         m_conn.m_queueStarted = false;
@@ -120,7 +156,7 @@ bool Connection::SendTurn::write(SocketUtil& util, comm::Logger* logger, const u
 
 void Connection::post(const uint8_t* bytes, size_t len) {
     {
-        std::lock_guard<std::mutex> lock(m_stateLock);
+        comm::LockGuard lock(m_stateLock);
         m_queued.append(reinterpret_cast<const char*>(bytes), len);
         m_serviceWanted = true;
     }
@@ -129,9 +165,10 @@ void Connection::post(const uint8_t* bytes, size_t len) {
 
 void Connection::requestClose(bool abortWriter) {
     {
-        std::lock_guard<std::mutex> lock(m_stateLock);
+        comm::LockGuard lock(m_stateLock);
         m_closing = true;
         m_serviceWanted = true;
+        unwatch();
         if (abortWriter && m_queued.empty() && !m_closed.load()) {
             ::shutdown(m_fd, SHUT_RDWR);
         }
@@ -142,7 +179,7 @@ void Connection::requestClose(bool abortWriter) {
 void Connection::abandon() {
     bool dropped = false;
     {
-        std::lock_guard<std::mutex> lock(m_stateLock);
+        comm::LockGuard lock(m_stateLock);
         dropped = !m_queued.empty();
         m_queued.clear();
         m_queueStarted = false;
@@ -173,7 +210,7 @@ void Connection::serviceHeld() {
     }
     std::string queued;
     {
-        std::lock_guard<std::mutex> lock(m_stateLock);
+        comm::LockGuard lock(m_stateLock);
         queued.swap(m_queued);
     }
     size_t sent = 0;
@@ -186,7 +223,7 @@ void Connection::serviceHeld() {
             logWriteMsgFailure(m_util, MYSOCK_ERR_IO, m_util->mysock_logger());
         }
     }
-    std::lock_guard<std::mutex> lock(m_stateLock);
+    comm::LockGuard lock(m_stateLock);
     if (failed && (sent > 0 || m_queueStarted) && !m_closed.load()) {
         // Part of an answer is on the wire and the rest cannot follow.
         m_broken = true;
@@ -199,14 +236,13 @@ void Connection::serviceHeld() {
         m_queueStarted = false;
     }
     if (m_closing.load() && m_queued.empty() && !m_closed.load()) {
-        ::close(m_fd);
-        m_closed = true;
+        closeNow();
     }
     m_serviceWanted = !m_queued.empty();
 }
 
 void Connection::shutDown() {
-    std::lock_guard<std::mutex> lock(m_stateLock);
+    comm::LockGuard lock(m_stateLock);
     if (!m_closed.load()) {
         ::shutdown(m_fd, SHUT_RDWR);
     }

@@ -6,9 +6,11 @@
 // lock, never held across a system call that waits, guards the close and the
 // bytes the processing loop queues. The descriptor is closed only by a holder
 // of the send lock, so no writer ever writes to a number that was closed and
-// reused. Threads that must never wait for a peer (the processing loop) use
-// post(), requestClose() and service(), which never block: what they cannot
-// do at once is done by the writer that holds the socket, when it lets go.
+// reused, and it leaves the endpoint's poll set first, so that the set never
+// loses a later connection given the same number. Threads that must never
+// wait for a peer (the processing loop) use post(), requestClose() and
+// service(), which never block: what they cannot do at once is done by the
+// writer that holds the socket, when it lets go.
 #ifndef VEXA_CORE_CONNECTION_H
 #define VEXA_CORE_CONNECTION_H
 
@@ -16,7 +18,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <string>
 
 #include "comm/thread_util.h"
@@ -34,10 +35,11 @@ class Connection : public std::enable_shared_from_this<Connection> {
     // Takes over fd. `serial` orders connections by their acceptance; the
     // receive buffer keeps its storage in `pool` between messages; the failures
     // of queued answers are logged through `util` (both the endpoint's, which
-    // outlives its connections' use).
+    // outlives its connections' use). `pollSet`: the endpoint's epoll set that
+    // watch() adds the descriptor to (-1: none).
     Connection(int fd, uint64_t serial, MessageBuffer::Pool* pool = nullptr,
-               SocketUtil* util = nullptr);
-    // Closes the descriptor if it is still open.
+               SocketUtil* util = nullptr, int pollSet = -1);
+    // Closes the descriptor if it is still open (out of the poll set first).
     ~Connection();
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;
@@ -52,16 +54,25 @@ class Connection : public std::enable_shared_from_this<Connection> {
 
     // The received bytes; the processing thread's alone.
     MessageBuffer& input() { return m_input; }
+    const MessageBuffer& input() const { return m_input; }
+
+    // Adds the descriptor to the poll set for input, with this connection as
+    // the event's data. False when it has no set or is closing: a connection
+    // asked to close is no longer watched.
+    bool watch();
 
     // One writer's hold on the socket for one message. Waits only for other
     // writers of this connection (no longer than deadlineMs when it is not 0),
     // taking in meanwhile what the peer sends when `input` is given.
+    // The send lock is held from construction to destruction only when the
+    // turn was had (m_held): a hold the analysis cannot follow, so these two
+    // are left out of it; write() and the destructor assert it instead.
     class SendTurn {
       public:
         explicit SendTurn(Connection& conn, int64_t deadlineMs = 0,
-                          InputWhileWaiting* input = nullptr);
+                          InputWhileWaiting* input = nullptr) NO_THREAD_SAFETY_ANALYSIS;
         // Lets go, after carrying out a close or queued bytes left by the loop.
-        ~SendTurn();
+        ~SendTurn() NO_THREAD_SAFETY_ANALYSIS;
         SendTurn(const SendTurn&) = delete;
         SendTurn& operator=(const SendTurn&) = delete;
 
@@ -97,18 +108,25 @@ class Connection : public std::enable_shared_from_this<Connection> {
 
   private:
     // With the send lock held: queued bytes, then the close.
-    void serviceHeld();
+    void serviceHeld() REQUIRES(m_sendLock) EXCLUDES(m_stateLock);
     // Shuts the socket down while its number is surely still this socket's.
-    void shutDown();
+    void shutDown() EXCLUDES(m_stateLock);
+    // A SendTurn that was had holds the send lock.
+    void heldBySendTurn() const ASSERT_HELD(m_sendLock) {}
+    // The one way the descriptor is closed: out of the poll set, then closed.
+    void closeNow() REQUIRES(m_sendLock, m_stateLock);
+    void unwatch() REQUIRES(m_stateLock);
 
     const int m_fd;
     const uint64_t m_serial;
-    comm::Mutex* m_sendLock;
-    std::mutex m_stateLock;
+    const int m_pollSet;
+    comm::Mutex* const m_sendLock;
+    comm::Lock m_stateLock;
     SocketUtil* m_util;
-    std::string m_queued;  // guarded by m_stateLock
-    bool m_queueStarted =
-        false;  // guarded by m_stateLock: part of m_queued's first message went out
+    std::string m_queued GUARDED_BY(m_stateLock);
+    // Part of m_queued's first message went out.
+    bool m_queueStarted GUARDED_BY(m_stateLock) = false;
+    bool m_watched GUARDED_BY(m_stateLock) = false;
     std::atomic<bool> m_serviceWanted{false};
     std::atomic<bool> m_closing{false};
     std::atomic<bool> m_broken{false};

@@ -12,8 +12,12 @@
 namespace vexa {
 namespace {
 
-// Room for many small messages per read; a larger message grows the buffer.
+// Room for many small messages per read; a larger message grows the buffer
+// as its bytes arrive, doubling, up to its size and this much read-ahead.
 constexpr size_t kDefaultCapacity = 64 * 1024;
+// What a connection gets when the pool has nothing: a peer must send bytes
+// to make the endpoint hold more.
+constexpr size_t kFirstCapacity = 4 * 1024;
 constexpr size_t kLargestCapacity = IPC_HEAD_SIZE + kMaxBodyLength + kDefaultCapacity;
 constexpr size_t kSideChunk = 64 * 1024;
 
@@ -28,12 +32,12 @@ bool would_block(int err) {
 
 MessageBuffer::Pool::Storage MessageBuffer::Pool::take(size_t capacity) {
     Storage storage;
-    if (m_large.capacity >= capacity) {
-        storage = std::move(m_large);
-        m_large = Storage();
-    } else if (!m_small.empty() && m_small.back().capacity >= capacity) {
+    if (!m_small.empty() && m_small.back().capacity >= capacity) {
         storage = std::move(m_small.back());
         m_small.pop_back();
+    } else if (m_large.capacity >= capacity) {
+        storage = std::move(m_large);
+        m_large = Storage();
     } else {
         storage = allocate(capacity);
     }
@@ -94,6 +98,9 @@ bool MessageBuffer::takeIn(int fd) {
     }
     const ssize_t got = ::recv(fd, m_storage.get() + m_end, m_capacity - m_end, MSG_DONTWAIT);
     if (got > 0) {
+        if (m_end == m_begin) {
+            m_frontSinceMs = comm::monotonic_ms();
+        }
         m_end += static_cast<size_t>(got);
         m_lastByteMs = comm::monotonic_ms();
         m_silenceRestarts = false;
@@ -121,18 +128,25 @@ size_t MessageBuffer::frontSize() const {
 }
 
 bool MessageBuffer::makeRoom() {
-    size_t front = frontSize();
-    if (front == 0) {
-        front = IPC_HEAD_SIZE;
+    if (m_storage == nullptr) {
+        replaceStorage(kFirstCapacity);  // the pool's, when it has one
     }
-    // A message larger than the default gets room for itself and what
-    // follows it, so that a stream of them keeps reading ahead.
-    if (m_storage == nullptr || front > m_capacity) {
-        replaceStorage(front > kDefaultCapacity ? front + kDefaultCapacity : kDefaultCapacity);
-    } else if (m_begin > 0 && (m_end == m_capacity || m_begin + front > m_capacity)) {
+    if (m_end < m_capacity) {
+        return true;
+    }
+    if (m_begin > 0) {
         compact();
+        return true;
     }
-    // Full of whole messages: nothing more is read until some are out.
+    const size_t front = frontSize();
+    if (front != 0 && front <= buffered()) {
+        return false;  // full of whole messages: nothing more until some are out
+    }
+    // The first message is bigger than the room: double it, but never past
+    // what the message needs and some read-ahead, so that a stream of large
+    // messages keeps reading ahead.
+    const size_t wanted = front != 0 ? front + kDefaultCapacity : kDefaultCapacity;
+    replaceStorage(std::min(std::max(2 * m_capacity, kFirstCapacity), wanted));
     return m_end < m_capacity;
 }
 
@@ -180,6 +194,7 @@ void MessageBuffer::done() {
         releaseStorage();
     } else {
         m_silenceRestarts = true;
+        m_frontSinceMs = comm::monotonic_ms();
     }
 }
 

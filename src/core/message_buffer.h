@@ -38,7 +38,8 @@ class MessageBuffer {
             std::unique_ptr<char[]> bytes;  // capacity + 1 bytes: room for a NUL
             size_t capacity = 0;
         };
-        // The largest kept, or a new one of `capacity` when none is kept.
+        // A kept one of at least `capacity` (the smallest that will do), or a
+        // new one of exactly `capacity` when none is kept.
         Storage take(size_t capacity);
         static Storage allocate(size_t capacity);
         void give(Storage storage);
@@ -73,6 +74,10 @@ class MessageBuffer {
     bool ready() const;
     // Part of a message waits for the rest.
     bool partial() const { return !ready() && m_end > m_begin; }
+    // The bytes of that part, 0 when none; and since when its first bytes
+    // have been here (monotonic milliseconds).
+    size_t incompleteBytes() const { return partial() ? buffered() : 0; }
+    int64_t incompleteSinceMs() const { return m_frontSinceMs; }
     // The first message, if whole, into msg (data points into this buffer,
     // NUL after the body, valid until done()); or the failure, logged.
     Next next(IPCMessage* msg, comm::Logger* logger, SocketUtil& util);
@@ -103,8 +108,8 @@ class MessageBuffer {
     };
 
     size_t buffered() const { return m_end - m_begin; }
-    // Room behind m_end, with the first message fitting whole from m_begin;
-    // false when the buffer is full of whole messages.
+    // Room behind m_end, growing with what has arrived (never by what a head
+    // announces alone); false when the buffer is full of whole messages.
     bool makeRoom();
     // Size of the first message once its head is here (the head alone when
     // its length is refused), 0 before.
@@ -126,6 +131,7 @@ class MessageBuffer {
     size_t m_outSize = 0;  // size of the message handed out, 0 when none
     char m_underNul = 0;   // the byte the NUL after that message covers
     int64_t m_lastByteMs = 0;
+    int64_t m_frontSinceMs = 0;  // first byte of the first message not handed out
     // A message was used since the last byte came: the silence of the rest
     // counts from the next look at it, as a counted read would start then.
     bool m_silenceRestarts = false;

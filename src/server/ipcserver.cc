@@ -2,22 +2,18 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
-#include <pthread.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <sys/time.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <climits>
-#include <cstdlib>
 #include <cstring>
 
-#include "comm/string_util.h"
+#include "core/launch_token.h"
 #include "core/server_address.h"
-#include "server/launcher.h"
 #include "server/so_loader.h"
 
 namespace vexa {
@@ -25,17 +21,33 @@ namespace {
 
 constexpr int kLoopWaitMs = 5;
 constexpr int kAcceptWaitMs = 5;
+// Between attempts while accept() finds no descriptor or memory free.
+constexpr int kAcceptRetryMs = 50;
 // The kernel caps it at the system's maximum (net.core.somaxconn): a burst
 // of connecting tests never waits for a SYN retry.
 constexpr int kListenBacklog = INT_MAX;
 constexpr uint32_t kKillDelayMs = 500;
+constexpr int64_t kDropLogIntervalMs = 1000;
 const char kSource[] = "ipcserver";
+
+// accept() failed for want of something that comes back (descriptors,
+// memory), not because the listening socket is unusable.
+bool accept_may_recover(int error) {
+    return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
+}
+
+// The peer went before it was accepted, or a signal came: try again at once.
+bool accept_interrupted(int error) {
+    return error == EINTR || error == ECONNABORTED || error == EAGAIN || error == EWOULDBLOCK ||
+           error == EPROTO || error == EPERM;
+}
 
 }  // namespace
 
 IPCServer::IPCServer(const std::string& servPath, ServerCallback callback, void* user,
                      const std::string& logTag)
-    : IPCBase(callback, user, "ipc_server_" + logTag + ".log") {
+    : IPCBase(callback, user, "ipc_server_" + logTag + ".log"),
+      m_launcher(servPath, m_logger.get()) {
     if (callback == nullptr) {
         m_logger->writeLine("callback cannot be null");
         comm::throw_failure();
@@ -50,19 +62,25 @@ IPCServer::IPCServer(const std::string& servPath, ServerCallback callback, void*
         comm::throw_failure();
     }
     m_clientLock.reset(comm::mutex_create());
-    m_suFilePath = "su -c";
-    m_suPreCmd = "";
-}
-
-comm::MutexGuard IPCServer::lockClients(int line) {
-    return comm::MutexGuard(m_clientLock.get(), kSource, line, line);
+    std::string unknown;
+    m_policy = registration_policy_from_environment(&unknown);
+    if (!unknown.empty()) {
+        m_logger->writeFormat("%s=%s unknown, using protect", kRegistrationVariable,
+                              unknown.c_str());
+    }
+    m_limits = ResourceLimits::fromEnvironment();
+    m_logger->writeFormat(
+        "registration=%s max_incomplete_bytes=%zu max_pairs_per_connection=%zu "
+        "pass_budget_ms=%lld",
+        registration_policy_name(m_policy), m_limits.maxIncompleteBytes,
+        m_limits.maxPairsPerConnection, static_cast<long long>(m_limits.passBudgetMs));
 }
 
 IPCServer::~IPCServer() {
     m_logger->writeLine("ipcserver free start");
     // No thread runs any more: stop() joined both, or start() never ran.
-    for (const ConnectionPtr& conn : m_sockets) {
-        conn->requestClose(true);
+    for (const auto& entry : m_sockets) {
+        entry.second->requestClose(true);
     }
     for (const Lingering& entry : m_lingering) {
         entry.conn->requestClose(true);
@@ -71,14 +89,10 @@ IPCServer::~IPCServer() {
         SocketUtil::mysock_close(m_listenSocket);
         m_listenSocket = -1;
     }
-    if (m_epoll != -1) {
-        ::close(m_epoll);
-    }
-    if (m_acceptWake != -1) {
-        ::close(m_acceptWake);
-    }
-    if (m_kickFd != -1) {
-        ::close(m_kickFd);
+    for (int* fd : {&m_acceptWake, &m_kickFd}) {
+        if (*fd != -1) {
+            ::close(*fd);
+        }
     }
     if (SoLoader::m_hDllLib != nullptr) {
         m_logger->writeLine("waiting release_so_client...");
@@ -86,6 +100,14 @@ IPCServer::~IPCServer() {
         m_logger->writeLine("release_so_client stopped");
         m_logger->writeLine("m_hDllLib free start");
         SoLoader::close();
+    }
+    forget_in_process_token(m_servPath);
+    // Connections that outlive the set leave it by themselves; its own number
+    // goes last.
+    m_sockets.clear();
+    m_lingering.clear();
+    if (m_epoll != -1) {
+        ::close(m_epoll);
     }
     m_clientLock.reset();
     m_logger->writeLine("ipcserver free end");
@@ -163,6 +185,7 @@ void IPCServer::acceptThread(void* self) {
 
 void IPCServer::acceptLoop() {
     m_logger->writeLine("accept_thread...");
+    int failures = 0;  // in a row, for want of descriptors or memory
     while (!m_acceptStop) {
         // Without a time limit when onStop() can wake it.
         if (SocketUtil::mysock_wait_readable(m_listenSocket, m_acceptWake >= 0 ? -1 : kAcceptWaitMs,
@@ -171,28 +194,54 @@ void IPCServer::acceptLoop() {
         }
         int fd = accept4(m_listenSocket, nullptr, nullptr, SOCK_CLOEXEC);
         if (fd < 0) {
-            // The thread ends for good; connected clients keep working.
-            m_logger->writeFormat("accept failed error=%s", m_sockUtil.mysock_strerror());
-            break;
+            if (survivedAcceptFailure(errno, &failures)) {
+                continue;
+            }
+            break;  // connected clients keep working
+        }
+        if (failures != 0) {
+            m_logger->writeFormat("accept resumed after %d failed attempts", failures);
+            failures = 0;
         }
         m_logger->writeFormat("accept ok client_socket=%d", fd);
-        auto conn = std::make_shared<Connection>(fd, ++m_nextSerial, bufferPool(), &m_sockUtil);
+        auto conn =
+            std::make_shared<Connection>(fd, ++m_nextSerial, bufferPool(), &m_sockUtil, m_epoll);
         {
             // The append's lock failures name the lines they always have.
             comm::MutexGuard guard(m_clientLock.get(), kSource, 210, 212);
-            m_sockets.push_back(conn);
+            m_sockets.emplace(conn->serial(), conn);
             m_connections = m_sockets.size();
         }
         // Listed first, so that the loop knows every connection it hears of.
-        epoll_event interest{};
-        interest.events = EPOLLIN;
-        interest.data.ptr = conn.get();
-        epoll_ctl(m_epoll, EPOLL_CTL_ADD, fd, &interest);
+        conn->watch();
         if (m_acceptStop) {
             break;
         }
     }
     m_logger->writeLine("accept_thread finish");
+}
+
+bool IPCServer::survivedAcceptFailure(int error, int* failures) {
+    if (accept_interrupted(error)) {
+        return true;
+    }
+    errno = error;
+    if (!accept_may_recover(error)) {
+        m_logger->writeFormat("accept failed error=%s", m_sockUtil.mysock_strerror());
+        return false;
+    }
+    // Once per episode; the connection waits in the backlog until a
+    // descriptor is free, and stop() still ends the wait at once.
+    if ((*failures)++ == 0) {
+        m_logger->writeFormat("accept failed error=%s, retrying every %d ms",
+                              m_sockUtil.mysock_strerror(), kAcceptRetryMs);
+    }
+    if (m_acceptWake >= 0) {
+        SocketUtil::mysock_wait_readable(m_acceptWake, kAcceptRetryMs);
+    } else {
+        comm::sleep_ms(kAcceptRetryMs);
+    }
+    return true;
 }
 
 void IPCServer::onStop() {
@@ -211,13 +260,13 @@ void IPCServer::onStop() {
 }
 
 size_t IPCServer::clientCount() {
-    const comm::MutexGuard guard = lockClients(__LINE__);
+    const comm::MutexGuard guard(m_clientLock.get(), kSource, __LINE__, __LINE__);
     return m_clients.size();
 }
 
 bool IPCServer::processOnce() {
     m_removeList.clear();
-    reapChildren();
+    m_launcher.reap();
     if (!m_lingering.empty() || !m_stalled.empty()) {
         const int64_t now = comm::monotonic_ms();
         serviceLingering(now);
@@ -229,9 +278,9 @@ bool IPCServer::processOnce() {
     // no socket announces: children to reap, answers to finish, messages
     // that are late to complete.
     int waitMs = m_kickFd >= 0 ? idleWaitMs() : kLoopWaitMs;
-    if (!m_pending.empty()) {
+    if (!m_pending.empty() || !m_carried.empty()) {
         waitMs = 0;
-    } else if (m_childCount != 0 || !m_lingering.empty() || !m_stalled.empty()) {
+    } else if (m_launcher.hasChildren() || !m_lingering.empty() || !m_stalled.empty()) {
         waitMs = kLoopWaitMs;
     }
     // Room for every connection at once, so that a pass serves all that are
@@ -241,15 +290,13 @@ bool IPCServer::processOnce() {
     }
     const int events =
         epoll_wait(m_epoll, m_events.data(), static_cast<int>(m_events.size()), waitMs);
-    if (events <= 0 && m_pending.empty()) {
-        removeConnections();  // given up by serviceLingering
+    if (events <= 0 && m_pending.empty() && m_carried.empty()) {
+        removeConnections();  // given up by serviceLingering or expireStalled
         m_removeList.clear();
         return true;
     }
     collectReady(events);
-    for (Connection* conn : m_ready) {
-        serveOne(conn);
-    }
+    serveReady();
     removeConnections();
     mergeSideInput();
     // Last: the side input above may still point at a connection removed in
@@ -258,32 +305,9 @@ bool IPCServer::processOnce() {
     return true;
 }
 
-void IPCServer::reapChildren() {
-    if (m_childCount == 0) {
-        return;
-    }
-    // Only the programs this server started, so that the host's own children
-    // are left to the host.
-    const comm::MutexGuard guard = lockClients(__LINE__);
-    for (auto child = m_children.begin(); child != m_children.end();) {
-        const pid_t pid = waitpid(*child, nullptr, WNOHANG);
-        if (pid == 0) {
-            ++child;
-            continue;
-        }
-        if (pid > 0) {
-            m_logger->writeFormat("waitpid pid=%d", static_cast<int>(pid));
-        }
-        // Reaped, or reaped by someone else (ECHILD): forgotten either way.
-        child = m_children.erase(child);
-    }
-    m_childCount = m_children.size();
-}
-
 void IPCServer::collectReady(int events) {
     m_ready.clear();
     m_ready.swap(m_pending);
-    m_pending.clear();
     for (int i = 0; i < events; ++i) {
         void* source = m_events[i].data.ptr;
         if (source == this) {
@@ -293,12 +317,33 @@ void IPCServer::collectReady(int events) {
             m_ready.push_back(static_cast<Connection*>(source));
         }
     }
-    // The order a pass has always had: the socket list's, oldest first.
-    if (m_ready.size() > 1) {
-        std::sort(m_ready.begin(), m_ready.end(), [](const Connection* a, const Connection* b) {
-            return a->serial() < b->serial();
-        });
-        m_ready.erase(std::unique(m_ready.begin(), m_ready.end()), m_ready.end());
+    // The order a pass has always had: the socket list's, oldest first...
+    std::sort(m_ready.begin(), m_ready.end(),
+              [](const Connection* a, const Connection* b) { return a->serial() < b->serial(); });
+    m_ready.erase(std::unique(m_ready.begin(), m_ready.end()), m_ready.end());
+    // ...after those the last pass had no time for.
+    if (!m_carried.empty()) {
+        m_ready.erase(std::remove_if(m_ready.begin(), m_ready.end(),
+                                     [this](const Connection* conn) {
+                                         return std::find(m_carried.begin(), m_carried.end(),
+                                                          conn) != m_carried.end();
+                                     }),
+                      m_ready.end());
+        m_ready.insert(m_ready.begin(), m_carried.begin(), m_carried.end());
+        m_carried.clear();
+    }
+}
+
+void IPCServer::serveReady() {
+    const int64_t start = comm::monotonic_ms();
+    size_t served = 0;
+    while (served < m_ready.size()) {
+        serveOne(m_ready[served++]);
+        if (served < m_ready.size() && comm::monotonic_ms() - start > m_limits.passBudgetMs) {
+            // The loop looks at its sockets again before it goes on.
+            m_carried.assign(m_ready.begin() + static_cast<std::ptrdiff_t>(served), m_ready.end());
+            break;
+        }
     }
 }
 
@@ -334,16 +379,23 @@ void IPCServer::handleMessage(Connection* conn, const IPCMessage& msg) {
     std::memcpy(dev, msg.dev, devLength);
     dev[devLength] = '\0';
     make_client_key(dev, devLength, msg.test_item, &m_key);
+    int32_t dataLen = msg.data_len;
     if (msg.event_id == CLIENT_IPC_CONFIG) {
-        registerClient(conn, msg, dev, m_key);
+        // The host sees the pid, as from a client without a token.
+        const RegistrationBody body = split_registration_body(msg.data, msg.data_len);
+        dataLen = body.hostLength;
+        if (!registerClient(conn, msg, dev, m_key, m_launcher.tokens().valid(body.token))) {
+            return;
+        }
     }
-    bool known = false;
+    bool mine = false;
     {
-        const comm::MutexGuard guard = lockClients(__LINE__);
-        known = m_clients.count(m_key) != 0;
+        const comm::MutexGuard guard(m_clientLock.get(), kSource, __LINE__, __LINE__);
+        mine = m_clients.registeredOn(m_key, conn);
     }
-    if (!known) {
-        return;  // messages are routed by dev and test_item; strangers are dropped
+    if (!mine) {
+        dropForeign(conn, msg, dev);
+        return;
     }
     if (msg.event_id == CLIENT_IPC_EXIT) {
         handleExit(conn, msg, dev, m_key);
@@ -351,35 +403,53 @@ void IPCServer::handleMessage(Connection* conn, const IPCMessage& msg) {
     }
     if (tracing()) {
         m_logger->writeFormat("recv dev=%s test_item=%d event_id=%d data_len=%d", dev,
-                              msg.test_item, msg.event_id, msg.data_len);
+                              msg.test_item, msg.event_id, dataLen);
     }
-    callBack(msg.test_item, msg.event_id, dev, msg.time_sec, msg.time_usec, msg.data, msg.data_len);
+    callBack(msg.test_item, msg.event_id, dev, msg.time_sec, msg.time_usec, msg.data, dataLen);
     if (tracing()) {
         m_logger->writeLine("call finish");
     }
 }
 
-void IPCServer::registerClient(Connection* conn, const IPCMessage& msg, const char* dev,
-                               const std::string& key) {
+bool IPCServer::registerClient(Connection* conn, const IPCMessage& msg, const char* dev,
+                               const std::string& key, bool tokenValid) {
     ItemClient item;
     item.dev = dev;
     item.test_item = msg.test_item;
     item.socket = conn->fd();
-    item.closing = false;
+    item.launched = tokenValid;
     // The body is the client's pid in its native byte order; a shorter body
     // leaves the missing bytes 0.
     std::memcpy(&item.pid, msg.data, std::min<size_t>(sizeof(item.pid), msg.data_len));
     item.conn = conn->shared_from_this();
     ItemClient previous;
     bool replaced = false;
+    const char* refusal = nullptr;
+    bool tooMany = false;
     {
-        const comm::MutexGuard guard = lockClients(__LINE__);
-        auto found = m_clients.find(key);
-        if (found != m_clients.end()) {
-            previous = found->second;
+        const comm::MutexGuard guard(m_clientLock.get(), kSource, __LINE__, __LINE__);
+        ItemClient* found = m_clients.find(key);
+        refusal = refusal_reason(m_policy, tokenValid, found != nullptr && found->launched);
+        tooMany = refusal == nullptr && !m_clients.registeredOn(key, conn) &&
+                  m_clients.pairsOn(conn) >= m_limits.maxPairsPerConnection;
+        if (found != nullptr && refusal == nullptr && !tooMany) {
+            previous = *found;
             replaced = true;
-            m_clients.erase(found);
+            m_clients.erase(key);
         }
+    }
+    if (refusal != nullptr || tooMany) {
+        if (refusal != nullptr) {
+            m_logger->writeFormat("registration refused: dev=%s test_item=%d socket=%d: %s", dev,
+                                  msg.test_item, conn->fd(), refusal);
+        } else {
+            m_logger->writeFormat(
+                "registration refused: dev=%s test_item=%d socket=%d: more than %zu pairs on "
+                "one connection",
+                dev, msg.test_item, conn->fd(), m_limits.maxPairsPerConnection);
+        }
+        endConnection(conn->shared_from_this(), true, true);
+        return false;
     }
     if (replaced) {
         // A second registration of the same pair, on this connection or
@@ -394,35 +464,33 @@ void IPCServer::registerClient(Connection* conn, const IPCMessage& msg, const ch
         m_logger->writeFormat("overwrite. remove socket=%d", previous.socket);
     }
     {
-        const comm::MutexGuard guard = lockClients(__LINE__);
-        m_clients[key] = item;
+        const comm::MutexGuard guard(m_clientLock.get(), kSource, __LINE__, __LINE__);
+        m_clients.put(key, item);
     }
-    m_logger->writeFormat("CLIENT_IPC_CONFIG %s", item_client_text(item).c_str());
+    m_logger->writeFormat("CLIENT_IPC_CONFIG %s%s", item_client_text(item).c_str(),
+                          item.launched ? " launched" : "");
+    return true;
 }
 
 void IPCServer::handleExit(Connection* conn, const IPCMessage& msg, const char* dev,
                            const std::string& key) {
     m_logger->writeFormat("recv dev=%s test_item=%d event_id=%d data_len=%d", dev, msg.test_item,
                           msg.event_id, msg.data_len);
-    ConnectionPtr target;
     {
-        const comm::MutexGuard guard = lockClients(__LINE__);
-        auto found = m_clients.find(key);
-        if (found != m_clients.end()) {
-            found->second.closing = true;
-            target = found->second.conn;
-        }
+        const comm::MutexGuard guard(m_clientLock.get(), kSource, __LINE__, __LINE__);
+        m_clients.find(key)->closing = true;  // registered on conn: checked by the caller
     }
-    // The answer goes to where the pair registered. It is queued, never
-    // waited for: it leaves as soon as that socket takes it, before the close.
-    if (target != nullptr && target->isOpen()) {
-        post(*target, dev, msg.test_item, CLIENT_IPC_EXIT_ACK);
-        linger(target);
+    // The answer is queued, never waited for: it leaves as soon as the socket
+    // takes it, before the close.
+    const ConnectionPtr self = conn->shared_from_this();
+    if (conn->isOpen()) {
+        post(*conn, dev, msg.test_item, CLIENT_IPC_EXIT_ACK);
+        linger(self);
     }
     m_logger->writeFormat("client close dev=%s test_item=%d", dev, msg.test_item);
     callBack(msg.test_item, CLIENT_IPC_CLOSED, dev, msg.time_sec, msg.time_usec, msg.data,
              msg.data_len);
-    endConnection(conn->shared_from_this(), false, true);
+    endConnection(self, false, true);
 }
 
 void IPCServer::handleBrokenConnection(Connection* conn) {
@@ -430,12 +498,8 @@ void IPCServer::handleBrokenConnection(Connection* conn) {
     endConnection(ended, true, false);
     std::vector<ItemClient> items;
     {
-        const comm::MutexGuard guard = lockClients(__LINE__);
-        for (const auto& entry : m_clients) {
-            if (entry.second.conn == ended) {
-                items.push_back(entry.second);
-            }
-        }
+        const comm::MutexGuard guard(m_clientLock.get(), kSource, __LINE__, __LINE__);
+        items = m_clients.pairsOf(conn);
     }
     if (items.empty()) {
         m_logger->writeFormat("not found ItemClient of sockfd=%d.", conn->fd());
@@ -445,6 +509,21 @@ void IPCServer::handleBrokenConnection(Connection* conn) {
     for (const ItemClient& item : items) {
         reportEnd(item);
     }
+}
+
+void IPCServer::dropForeign(Connection* conn, const IPCMessage& msg, const char* dev) {
+    Drops& drops = m_drops[conn];
+    const int64_t now = comm::monotonic_ms();
+    if (drops.loggedAtMs != 0 && now - drops.loggedAtMs < kDropLogIntervalMs) {
+        ++drops.unlogged;
+        return;
+    }
+    m_logger->writeFormat(
+        "dropped: dev=%s test_item=%d event_id=%d is not registered on socket=%d (%d more "
+        "dropped since the last such line)",
+        dev, msg.test_item, msg.event_id, conn->fd(), drops.unlogged);
+    drops.loggedAtMs = now;
+    drops.unlogged = 0;
 }
 
 void IPCServer::reportEnd(const ItemClient& item) {
@@ -462,8 +541,7 @@ void IPCServer::reportEnd(const ItemClient& item) {
 
 void IPCServer::endConnection(const ConnectionPtr& conn, bool abortWriter, bool reportRest,
                               const std::string& silentKey) {
-    // Out of the set before the number can be closed and given to another.
-    epoll_ctl(m_epoll, EPOLL_CTL_DEL, conn->fd(), nullptr);
+    // The connection leaves the poll set itself, before its number is closed.
     conn->requestClose(abortWriter);
     linger(conn);
     m_removeList.push_back(Removal{conn, reportRest, silentKey});
@@ -528,6 +606,7 @@ void IPCServer::queueForNextPass(Connection* conn) {
 
 void IPCServer::expireStalled(int64_t nowMs) {
     const int32_t budget = m_sockUtil.mysock_read_timeout();
+    size_t held = 0;
     for (auto conn = m_stalled.begin(); conn != m_stalled.end();) {
         MessageBuffer& input = (*conn)->input();
         if ((*conn)->closing() || !input.partial()) {
@@ -536,9 +615,30 @@ void IPCServer::expireStalled(int64_t nowMs) {
             m_pending.push_back(*conn);  // its failure is reported in this pass
             conn = m_stalled.erase(conn);
         } else {
+            held += input.incompleteBytes();
             ++conn;
         }
     }
+    if (held <= m_limits.maxIncompleteBytes) {
+        return;
+    }
+    // The oldest first: a test's message completes at once, a trickle does not.
+    std::sort(m_stalled.begin(), m_stalled.end(), [](const Connection* a, const Connection* b) {
+        return a->input().incompleteSinceMs() < b->input().incompleteSinceMs();
+    });
+    size_t ended = 0;
+    for (; ended < m_stalled.size() && held > m_limits.maxIncompleteBytes; ++ended) {
+        Connection* conn = m_stalled[ended];
+        const size_t bytes = conn->input().incompleteBytes();
+        m_logger->writeFormat(
+            "incomplete messages hold %zu bytes, more than %zu: ending socket=%d, whose message "
+            "has waited %lld ms with %zu bytes",
+            held, m_limits.maxIncompleteBytes, conn->fd(),
+            static_cast<long long>(nowMs - conn->input().incompleteSinceMs()), bytes);
+        held -= bytes;
+        endConnection(conn->shared_from_this(), true, true);
+    }
+    m_stalled.erase(m_stalled.begin(), m_stalled.begin() + static_cast<std::ptrdiff_t>(ended));
 }
 
 void IPCServer::removeConnections() {
@@ -547,26 +647,19 @@ void IPCServer::removeConnections() {
         {
             // The lines of the removal's lock failures stay those they have always named.
             comm::MutexGuard guard(m_clientLock.get(), kSource, 383, 403);
-            auto listed = std::find(m_sockets.begin(), m_sockets.end(), removal.conn);
-            if (listed != m_sockets.end()) {
-                m_sockets.erase(listed);
+            if (m_sockets.erase(removal.conn->serial()) != 0) {
                 m_connections = m_sockets.size();
             }
-            for (auto entry = m_clients.begin(); entry != m_clients.end();) {
-                if (entry->second.conn == removal.conn) {
-                    rest.push_back(entry->second);
-                    entry = m_clients.erase(entry);
-                } else {
-                    ++entry;
-                }
-            }
+            rest = m_clients.takeAllOf(removal.conn.get());
         }
         // Raised for every removed socket, with or without a child behind it.
         ++m_exitedCount;
         // No pointer to it may outlive the list's.
         Connection* gone = removal.conn.get();
-        m_pending.erase(std::remove(m_pending.begin(), m_pending.end(), gone), m_pending.end());
-        m_stalled.erase(std::remove(m_stalled.begin(), m_stalled.end(), gone), m_stalled.end());
+        for (std::vector<Connection*>* list : {&m_pending, &m_stalled, &m_carried}) {
+            list->erase(std::remove(list->begin(), list->end(), gone), list->end());
+        }
+        m_drops.erase(gone);
         if (removal.reportRest) {
             for (const ItemClient& item : rest) {
                 if (!item.closing &&
@@ -582,10 +675,10 @@ bool IPCServer::send_command(const std::string& dev, int32_t testItem, int32_t e
                              const void* data, int32_t dataLen) {
     ConnectionPtr conn;
     {
-        const comm::MutexGuard guard = lockClients(__LINE__);
-        auto entry = m_clients.find(make_client_key(dev, testItem));
-        if (entry != m_clients.end()) {
-            conn = entry->second.conn;
+        const comm::MutexGuard guard(m_clientLock.get(), kSource, __LINE__, __LINE__);
+        const ItemClient* entry = m_clients.find(make_client_key(dev, testItem));
+        if (entry != nullptr) {
+            conn = entry->conn;
         }
     }
     if (conn == nullptr) {
@@ -597,7 +690,7 @@ bool IPCServer::send_command(const std::string& dev, int32_t testItem, int32_t e
 }
 
 void IPCServer::kill_client() {
-    uint32_t since = comm::tick_ms() - m_lastRunTestMs;
+    uint32_t since = comm::tick_ms() - m_launcher.lastRunMs();
     if (since > kKillDelayMs - 1) {
         return;
     }
@@ -606,50 +699,17 @@ void IPCServer::kill_client() {
 }
 
 void IPCServer::set_su_file_path(const char* suFilePath, const char* suPreCmd) {
-    if (suFilePath == nullptr) {
-        return;
-    }
-    const char* preCmd = suPreCmd != nullptr ? suPreCmd : "";
-    m_logger->writeFormat("set su_file_path:%s su_pre_cmd:%s", suFilePath, preCmd);
-    const comm::MutexGuard guard = lockClients(__LINE__);
-    m_suFilePath = suFilePath;
-    m_suPreCmd = preCmd;
+    m_launcher.setSuFilePath(suFilePath, suPreCmd);
 }
 
 int IPCServer::run_test(const char* testPath, const char* dValue, const char* extraArgs) {
-    const std::string path = testPath != nullptr ? testPath : "";
-    std::string suFilePath;
-    std::string suPreCmd;
-    {
-        const comm::MutexGuard guard = lockClients(__LINE__);
-        suFilePath = m_suFilePath;
-        suPreCmd = m_suPreCmd;
-    }
-    const std::string cmdArgs = build_cmd_args(m_servPath, dValue, extraArgs);
-    m_logger->writeFormat("run_test %s %s", path.c_str(), cmdArgs.c_str());
-
-    if (comm::ends_with(path, ".so")) {
-        m_testSoLoaded = true;
-        SoLoader::load_test_so(path, dValue, extraArgs, m_servPath, m_logger.get());
-        return 1;
-    }
-    // A failed fork or exec is not reported: the test proves itself by registering.
-    const int pid =
-        spawn_test_process(plan_launch(path, cmdArgs, suFilePath, suPreCmd), m_listenSocket);
-    if (pid > 0) {
-        {
-            const comm::MutexGuard guard = lockClients(__LINE__);
-            m_children.push_back(pid);
-            m_childCount = m_children.size();
-        }
+    // A failed start is logged, not reported: the test proves itself by registering.
+    if (m_launcher.run(testPath, dValue, extraArgs, m_listenSocket) && m_kickFd >= 0) {
         // The loop may be waiting without a time limit: from now on it looks
         // for the child every few milliseconds.
         const uint64_t one = 1;
         [[maybe_unused]] const ssize_t written = ::write(m_kickFd, &one, sizeof(one));
     }
-    m_logger->writeFormat("run_test ok, ppid=%d pthreadid=%lu", static_cast<int>(getpid()),
-                          static_cast<unsigned long>(pthread_self()));
-    m_lastRunTestMs = comm::tick_ms();
     return 1;
 }
 

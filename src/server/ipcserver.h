@@ -3,35 +3,41 @@
 // Threads: the host's threads (run_test, send_command, kill_client,
 // set_su_file_path), the processing thread (processOnce: registration,
 // delivery to the host callback, exits and broken connections, reaping) and
-// the accept thread. No peer can hold up another: each connection has its own
-// send lock and receive buffer, and neither the accept thread nor the
-// processing loop ever waits for a peer's write (the loop's own answers are
-// queued on the connection). The client lock guards the socket list, the
-// client table, the launched children and the su settings, and is never held
-// across a wait or a call out.
+// the accept thread. No peer can hold up, speak for or starve another: each
+// connection has its own send lock and receive buffer, neither the accept
+// thread nor the processing loop ever waits for a peer's write (the loop's own
+// answers are queued on the connection), a message acts only on pairs
+// registered on its own connection, and what one peer can make the server
+// hold is bounded (resource_limits.h). The client lock guards the socket list
+// and the client table, and is never held across a wait or a call out.
 #ifndef VEXA_SERVER_IPCSERVER_H
 #define VEXA_SERVER_IPCSERVER_H
 
 #include <sys/epoll.h>
-#include <sys/types.h>
 
 #include <atomic>
 #include <cstdint>
 #include <map>
 #include <memory>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
+#include "comm/thread_annotations.h"
 #include "core/ipcbase.h"
-#include "server/item_client.h"
+#include "server/client_registry.h"
+#include "server/launcher.h"
+#include "server/registration_policy.h"
+#include "server/resource_limits.h"
 
 namespace vexa {
 
 class IPCServer : public IPCBase {
   public:
     // serv_path: "tcp://:PORT" (127.0.0.1) or "tcp://IP:PORT"; the log file is
-    // "ipc_server_" + logTag + ".log". Throws comm::MyException for a null
-    // callback or an invalid address.
+    // "ipc_server_" + logTag + ".log". The registration policy
+    // (VEXA_REGISTRATION) and the resource limits are read here. Throws
+    // comm::MyException for a null callback or an invalid address.
     IPCServer(const std::string& servPath, ServerCallback callback, void* user,
               const std::string& logTag);
     ~IPCServer() override;
@@ -52,8 +58,10 @@ class IPCServer : public IPCBase {
     const std::string& ip() const { return m_ip; }
     // Connections removed so far.
     int exitedCount() const { return m_exitedCount; }
-    bool testSoLoaded() const { return m_testSoLoaded; }
-    size_t clientCount();
+    bool testSoLoaded() const { return m_launcher.testSoLoaded(); }
+    size_t clientCount() EXCLUDES(m_clientLock);
+    RegistrationPolicy registrationPolicy() const { return m_policy; }
+    const ResourceLimits& limits() const { return m_limits; }
 
   protected:
     int setupSocket() override;
@@ -75,32 +83,47 @@ class IPCServer : public IPCBase {
         ConnectionPtr conn;
         int64_t giveUpMs;
     };
+    // Messages dropped on one connection since its last drop line.
+    struct Drops {
+        int64_t loggedAtMs = 0;
+        int unlogged = 0;
+    };
 
-    // The client lock for one scope; failures name the caller's line.
-    comm::MutexGuard lockClients(int line);
     static void acceptThread(void* self);
     void acceptLoop();
-    void reapChildren();
-    // Collects this pass's connections: those epoll reports and those with a
-    // whole message (or an end) already received, in order of acceptance.
+    // Waits a little after an accept that failed for want of descriptors or
+    // memory; false when the listening socket itself is unusable.
+    bool survivedAcceptFailure(int error, int* failures);
+    // Collects this pass's connections: those left over from the last pass
+    // first, then those epoll reports and those with a whole message (or an
+    // end) already received, in order of acceptance.
     void collectReady(int events);
+    // Serves the ready connections until the pass budget is spent; the rest
+    // go first in the next pass.
+    void serveReady();
     void serveOne(Connection* conn);
     // What remains of conn's input decides when the loop looks at it again.
     void queueForNextPass(Connection* conn);
     void handleMessage(Connection* conn, const IPCMessage& msg);
     // dev: the message's device as text (it may fill all 80 bytes without a NUL).
-    void registerClient(Connection* conn, const IPCMessage& msg, const char* dev,
-                        const std::string& key);
+    // False when the registration was refused (its connection then ends).
+    bool registerClient(Connection* conn, const IPCMessage& msg, const char* dev,
+                        const std::string& key, bool tokenValid);
     void handleExit(Connection* conn, const IPCMessage& msg, const char* dev,
                     const std::string& key);
     void handleBrokenConnection(Connection* conn);
-    // Takes conn out of the epoll set and closes it (after its queued answer).
+    // A message for a pair its connection did not register: dropped, and
+    // logged at most once a second per connection.
+    void dropForeign(Connection* conn, const IPCMessage& msg, const char* dev);
+    // Closes conn (after its queued answer) and takes it out of this pass.
     void endConnection(const ConnectionPtr& conn, bool abortWriter, bool reportRest,
                        const std::string& silentKey = std::string());
     void linger(const ConnectionPtr& conn);
     void serviceLingering(int64_t nowMs);
     // Bytes that callbacks' sends took in while waiting, back into their buffers.
     void mergeSideInput();
+    // Fails incomplete messages that waited too long, and ends the connections
+    // holding the oldest ones while all of them hold more than the limit.
     void expireStalled(int64_t nowMs);
     void removeConnections();
     // Logs the pair's end and tells the host, as its closing flag says.
@@ -112,30 +135,30 @@ class IPCServer : public IPCBase {
     int32_t m_port = 0;
     std::string m_ip;
     std::atomic<int> m_exitedCount{0};
-    std::atomic<uint32_t> m_lastRunTestMs{0};
     int m_listenSocket = -1;
-    int m_epoll = -1;           // the client sockets; changed by the accept thread and the loop
+    int m_epoll = -1;           // the client sockets; their connections join and leave it
     int m_acceptWake = -1;      // readable once onStop() wants the accept thread to end
     int m_kickFd = -1;          // a launch asks the waiting loop to look again
     uint64_t m_nextSerial = 0;  // accept thread only
+    RegistrationPolicy m_policy = RegistrationPolicy::kProtect;
+    ResourceLimits m_limits;
+    TestLauncher m_launcher;
 
     std::unique_ptr<comm::Mutex, MutexDeleter> m_clientLock;
-    std::vector<ConnectionPtr> m_sockets;         // guarded by m_clientLock, in order of acceptance
-    std::atomic<size_t> m_connections{0};         // m_sockets.size()
-    std::map<std::string, ItemClient> m_clients;  // guarded by m_clientLock
-    std::string m_suFilePath;                     // guarded by m_clientLock
-    std::string m_suPreCmd;                       // guarded by m_clientLock
-    std::vector<pid_t> m_children;                // guarded by m_clientLock: launched, not reaped
-    std::atomic<size_t> m_childCount{0};          // m_children.size()
-    std::atomic<bool> m_testSoLoaded{false};
+    // By serial: in order of acceptance.
+    std::map<uint64_t, ConnectionPtr> m_sockets GUARDED_BY(m_clientLock);
+    std::atomic<size_t> m_connections{0};  // m_sockets.size()
+    ClientRegistry m_clients GUARDED_BY(m_clientLock);
 
     // Processing thread only, kept to avoid allocating on every pass.
     std::vector<epoll_event> m_events;
     std::string m_key;  // the key of the message at hand
     std::vector<Connection*> m_ready;
     // Connections of the socket list (removals take them out of these too):
+    std::vector<Connection*> m_carried;  // ready, left over when a pass ran out of time
     std::vector<Connection*> m_pending;  // whole message or end already received
     std::vector<Connection*> m_stalled;  // part of a message waits for the rest
+    std::unordered_map<const Connection*, Drops> m_drops;
     std::vector<Removal> m_removeList;
     std::vector<Lingering> m_lingering;
 };

@@ -14,8 +14,9 @@ struct ItemClient {
     std::string dev;
     int32_t test_item = 0;
     int socket = -1;
-    bool closing = false;  // set when the client sent CLIENT_IPC_EXIT
-    int32_t pid = 0;       // from the registration body
+    bool closing = false;   // set when the client sent CLIENT_IPC_EXIT
+    int32_t pid = 0;        // from the registration body
+    bool launched = false;  // registered with a valid launch token
     // The connection it registered on: messages to it go there, and when it
     // ends every pair registered on it goes too, whatever number the process
     // gives a later connection.

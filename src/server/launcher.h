@@ -1,16 +1,30 @@
-// Turns a test path and the server's settings into the program and argument
-// vector a test process is started with, and starts it.
+// The tests a server starts: programs started as child processes (through the
+// su prefix or directly) and test libraries loaded into this process. Turns a
+// test path and the server's settings into the program and argument vector a
+// test process is started with, gives every launch a fresh launch token, and
+// reaps exactly the programs it started.
 #ifndef VEXA_SERVER_LAUNCHER_H
 #define VEXA_SERVER_LAUNCHER_H
 
+#include <sys/types.h>
+
+#include <atomic>
+#include <cstdint>
 #include <string>
 #include <vector>
+
+#include "comm/thread_util.h"
+#include "server/registration_policy.h"
+
+namespace comm {
+class Logger;
+}
 
 namespace vexa {
 
 struct LaunchPlan {
     std::string program;            // the first word of the command
-    bool searchPath = false;        // no '/' in it: execvp looks it up in PATH
+    bool searchPath = false;        // no '/' in it: looked up in PATH
     std::vector<std::string> argv;  // argv[0] is the program's file name
 };
 
@@ -25,10 +39,53 @@ std::string build_cmd_args(const std::string& servPath, const char* dValue, cons
 LaunchPlan plan_launch(const std::string& testPath, const std::string& cmdArgs,
                        const std::string& suFilePath, const std::string& suPreCmd);
 
-// vfork and exec. Everything is built before the fork: the child only closes
-// `closeInChild` (when >= 0), calls execv/execvp and ends with _exit(255).
-// The child's pid, or -1 when vfork fails.
-int spawn_test_process(const LaunchPlan& plan, int closeInChild);
+// This process's environment with VEXA_LAUNCH_TOKEN set to `token` (left out
+// when the token is empty), as "NAME=value" entries.
+std::vector<std::string> child_environment(const std::string& token);
+
+// vfork and exec with `environment`. Everything is built before the fork: the
+// child only closes `closeInChild` (when >= 0), execs and, when that fails,
+// reports errno on a close-on-exec pipe and ends with _exit(255). The child's
+// pid, or -1 when vfork fails; *execError is the exec's errno, 0 when the
+// program was started.
+int spawn_test_process(const LaunchPlan& plan, const std::vector<std::string>& environment,
+                       int closeInChild, int* execError);
+
+class TestLauncher {
+  public:
+    // servPath: the server's address, which every test receives.
+    TestLauncher(const std::string& servPath, comm::Logger* logger);
+
+    // The su prefix and pre-command of later launches (default "su -c", "").
+    void setSuFilePath(const char* suFilePath, const char* suPreCmd) EXCLUDES(m_lock);
+    // Starts one test, with a fresh token: a ".so" path is loaded into this
+    // process; anything else is started as a program, whose failure to start
+    // is logged with the system's reason. True when a program was started
+    // (it is then to be reaped).
+    bool run(const char* testPath, const char* dValue, const char* extraArgs, int listenSocket)
+        EXCLUDES(m_lock);
+    // Collects the programs it started that have ended, without waiting;
+    // other children of the process are left alone.
+    void reap() EXCLUDES(m_lock);
+    bool hasChildren() const { return m_childCount.load() != 0; }
+
+    bool testSoLoaded() const { return m_testSoLoaded.load(); }
+    // tick_ms() of the last program launch.
+    uint32_t lastRunMs() const { return m_lastRunMs.load(); }
+    const LaunchTokens& tokens() const { return m_tokens; }
+
+  private:
+    const std::string m_servPath;
+    comm::Logger* const m_logger;
+    LaunchTokens m_tokens;
+    comm::Lock m_lock;
+    std::string m_suFilePath GUARDED_BY(m_lock) = "su -c";
+    std::string m_suPreCmd GUARDED_BY(m_lock);
+    std::vector<pid_t> m_children GUARDED_BY(m_lock);  // launched, not reaped
+    std::atomic<size_t> m_childCount{0};               // m_children.size()
+    std::atomic<bool> m_testSoLoaded{false};
+    std::atomic<uint32_t> m_lastRunMs{0};
+};
 
 }  // namespace vexa
 

@@ -11,6 +11,7 @@
 
 #include <gtest/gtest.h>
 
+#include "comm/file_util.h"
 #include "support/test_support.h"
 
 namespace {
@@ -78,39 +79,38 @@ TEST(Logger, OnlyZeroTurnsAppendingOrPrintingOff) {
     }
 }
 
-// A file at or above the limit is discarded when the logger opens it; one
-// that grows past the limit while open is kept until the next opening.
-TEST(Logger, SizeLimitIsCheckedOnlyAtOpening) {
+// A file at or above the limit is discarded when the logger opens it, and
+// the file starts afresh as soon as the lines written bring it to the limit.
+TEST(Logger, SizeLimitStartsTheFileAfresh) {
     TempDir tmp;
     const struct {
         const char* envLimit;  // null: the limit 100 is given to the constructor
         size_t size;
         bool discarded;
-    } cases[] = {{nullptr, 120, true},
-                 {nullptr, 51, false},
-                 {"10", 65, true},
-                 {"0", 65, false},
-                 {"-5", 65, false}};
+    } cases[] = {{nullptr, 120, true}, {nullptr, 100, true}, {nullptr, 51, false},
+                 {"60", 65, true},     {"0", 65, false},     {"-5", 65, false}};
     int n = 0;
     for (const auto& c : cases) {
         SCOPED_TRACE(n);
         ScopedEnv maxSize("QZ_LOGMAXSIZE", c.envLimit);
         const std::string path = tmp.file(std::to_string(n++) + ".log");
         write_file(path, std::string(c.size - 1, 'y') + "\n");
-        {
-            std::unique_ptr<comm::Logger> logger(
-                c.envLimit != nullptr ? new comm::Logger(path)
-                                      : new comm::Logger(path, true, true, true, 100));
-            for (int i = 0; i < 10; ++i)
-                logger->writeLine("more");
-        }
-        EXPECT_EQ(read_lines(path).size(), c.discarded ? 10u : 11u);
-        if (c.envLimit == nullptr && !c.discarded) {
-            comm::Logger reopened(path, true, true, true, 100);
-            reopened.writeLine("again");
-            EXPECT_EQ(log_texts(path), Lines{"again"});
-        }
+        std::unique_ptr<comm::Logger> logger(c.envLimit != nullptr
+                                                 ? new comm::Logger(path)
+                                                 : new comm::Logger(path, true, true, true, 100));
+        logger->writeLine("more");
+        EXPECT_EQ(read_lines(path).size(), c.discarded ? 1u : 2u);
     }
+    // "YYYY/MM/DD hh:mm:ss.mmm " is 24 bytes: a 75-byte text brings the file
+    // to exactly 100, and it starts afresh; the next line is its first.
+    const std::string path = tmp.file("running.log");
+    comm::Logger logger(path, true, true, true, 100);
+    logger.writeLine(std::string(75, 'x'));
+    EXPECT_EQ(comm::file_size(path), 0);
+    for (int i = 0; i < 10; ++i)
+        logger.writeLine("line " + std::to_string(i));
+    EXPECT_LT(comm::file_size(path), 100);
+    EXPECT_EQ(log_texts(path).back(), "line 9");
 }
 
 TEST(Logger, OneFlushFlagForAllLoggers) {
