@@ -20,9 +20,6 @@ namespace vexa {
 namespace {
 
 constexpr int kLoopWaitMs = 5;
-constexpr int kAcceptWaitMs = 5;
-// Between attempts while accept() finds no descriptor or memory free.
-constexpr int kAcceptRetryMs = 50;
 // The kernel caps it at the system's maximum (net.core.somaxconn): a burst
 // of connecting tests never waits for a SYN retry.
 constexpr int kListenBacklog = INT_MAX;
@@ -30,24 +27,13 @@ constexpr uint32_t kKillDelayMs = 500;
 constexpr int64_t kDropLogIntervalMs = 1000;
 const char kSource[] = "ipcserver";
 
-// accept() failed for want of something that comes back (descriptors,
-// memory), not because the listening socket is unusable.
-bool accept_may_recover(int error) {
-    return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
-}
-
-// The peer went before it was accepted, or a signal came: try again at once.
-bool accept_interrupted(int error) {
-    return error == EINTR || error == ECONNABORTED || error == EAGAIN || error == EWOULDBLOCK ||
-           error == EPROTO || error == EPERM;
-}
-
 }  // namespace
 
 IPCServer::IPCServer(const std::string& servPath, ServerCallback callback, void* user,
                      const std::string& logTag)
     : IPCBase(callback, user, "ipc_server_" + logTag + ".log"),
-      m_launcher(servPath, m_logger.get()) {
+      m_launcher(servPath, m_logger.get()),
+      m_acceptor(m_logger.get(), &m_sockUtil) {
     if (callback == nullptr) {
         m_logger->writeLine("callback cannot be null");
         comm::throw_failure();
@@ -89,10 +75,8 @@ IPCServer::~IPCServer() {
         SocketUtil::mysock_close(m_listenSocket);
         m_listenSocket = -1;
     }
-    for (int* fd : {&m_acceptWake, &m_kickFd}) {
-        if (*fd != -1) {
-            ::close(*fd);
-        }
+    if (m_kickFd != -1) {
+        ::close(m_kickFd);
     }
     if (SoLoader::m_hDllLib != nullptr) {
         m_logger->writeLine("waiting release_so_client...");
@@ -174,74 +158,20 @@ int IPCServer::setupSocket() {
 }
 
 void IPCServer::onStart() {
-    m_acceptStop = false;
-    m_acceptWake = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    m_acceptThread = comm::thread_create(&IPCServer::acceptThread, this);
+    m_acceptor.start(m_listenSocket, [this](int fd) { accepted(fd); });
 }
 
-void IPCServer::acceptThread(void* self) {
-    static_cast<IPCServer*>(self)->acceptLoop();
-}
-
-void IPCServer::acceptLoop() {
-    m_logger->writeLine("accept_thread...");
-    int failures = 0;  // in a row, for want of descriptors or memory
-    while (!m_acceptStop) {
-        // Without a time limit when onStop() can wake it.
-        if (SocketUtil::mysock_wait_readable(m_listenSocket, m_acceptWake >= 0 ? -1 : kAcceptWaitMs,
-                                             m_acceptWake) <= 0) {
-            continue;
-        }
-        int fd = accept4(m_listenSocket, nullptr, nullptr, SOCK_CLOEXEC);
-        if (fd < 0) {
-            if (survivedAcceptFailure(errno, &failures)) {
-                continue;
-            }
-            break;  // connected clients keep working
-        }
-        if (failures != 0) {
-            m_logger->writeFormat("accept resumed after %d failed attempts", failures);
-            failures = 0;
-        }
-        m_logger->writeFormat("accept ok client_socket=%d", fd);
-        auto conn =
-            std::make_shared<Connection>(fd, ++m_nextSerial, bufferPool(), &m_sockUtil, m_epoll);
-        {
-            // The append's lock failures name the lines they always have.
-            comm::MutexGuard guard(m_clientLock.get(), kSource, 210, 212);
-            m_sockets.emplace(conn->serial(), conn);
-            m_connections = m_sockets.size();
-        }
-        // Listed first, so that the loop knows every connection it hears of.
-        conn->watch();
-        if (m_acceptStop) {
-            break;
-        }
+void IPCServer::accepted(int fd) {
+    auto conn =
+        std::make_shared<Connection>(fd, ++m_nextSerial, bufferPool(), &m_sockUtil, m_epoll);
+    {
+        // The append's lock failures name the lines they always have.
+        comm::MutexGuard guard(m_clientLock.get(), kSource, 210, 212);
+        m_sockets.emplace(conn->serial(), conn);
+        m_connections = m_sockets.size();
     }
-    m_logger->writeLine("accept_thread finish");
-}
-
-bool IPCServer::survivedAcceptFailure(int error, int* failures) {
-    if (accept_interrupted(error)) {
-        return true;
-    }
-    errno = error;
-    if (!accept_may_recover(error)) {
-        m_logger->writeFormat("accept failed error=%s", m_sockUtil.mysock_strerror());
-        return false;
-    }
-    // Once per episode; the connection waits in the backlog until a
-    // descriptor is free, and stop() still ends the wait at once.
-    if ((*failures)++ == 0) {
-        m_logger->writeFormat("accept failed error=%s, retrying every %d ms",
-                              m_sockUtil.mysock_strerror(), kAcceptRetryMs);
-    }
-    if (m_acceptWake >= 0) {
-        SocketUtil::mysock_wait_readable(m_acceptWake, kAcceptRetryMs);
-    } else {
-        comm::sleep_ms(kAcceptRetryMs);
-    }
-    return true;
+    // Listed first, so that the loop knows every connection it hears of.
+    conn->watch();
 }
 
 void IPCServer::onStop() {
@@ -249,13 +179,8 @@ void IPCServer::onStop() {
     if (clients != 0) {
         m_logger->writeFormat("warning!, has %d clients not exit", static_cast<int>(clients));
     }
-    m_acceptStop = true;
-    if (m_acceptWake >= 0) {
-        const uint64_t one = 1;
-        [[maybe_unused]] const ssize_t written = ::write(m_acceptWake, &one, sizeof(one));
-    }
     m_logger->writeLine("waiting accept_thread...");
-    comm::thread_join(m_acceptThread);
+    m_acceptor.stop();
     m_logger->writeLine("accept_thread stopped");
 }
 
@@ -265,9 +190,9 @@ size_t IPCServer::clientCount() {
 }
 
 bool IPCServer::processOnce() {
-    m_removeList.clear();
+    m_passStartMs = comm::monotonic_ms();
     m_launcher.reap();
-    if (!m_lingering.empty() || !m_stalled.empty()) {
+    if (!m_lingering.empty() || m_schedule.hasStalled()) {
         const int64_t now = comm::monotonic_ms();
         serviceLingering(now);
         expireStalled(now);
@@ -278,9 +203,9 @@ bool IPCServer::processOnce() {
     // no socket announces: children to reap, answers to finish, messages
     // that are late to complete.
     int waitMs = m_kickFd >= 0 ? idleWaitMs() : kLoopWaitMs;
-    if (!m_pending.empty() || !m_carried.empty()) {
+    if (m_schedule.readyWithoutWaiting()) {
         waitMs = 0;
-    } else if (m_launcher.hasChildren() || !m_lingering.empty() || !m_stalled.empty()) {
+    } else if (m_launcher.hasChildren() || !m_lingering.empty() || m_schedule.hasStalled()) {
         waitMs = kLoopWaitMs;
     }
     // Room for every connection at once, so that a pass serves all that are
@@ -290,58 +215,42 @@ bool IPCServer::processOnce() {
     }
     const int events =
         epoll_wait(m_epoll, m_events.data(), static_cast<int>(m_events.size()), waitMs);
-    if (events <= 0 && m_pending.empty() && m_carried.empty()) {
+    if (events <= 0 && !m_schedule.readyWithoutWaiting()) {
         removeConnections();  // given up by serviceLingering or expireStalled
-        m_removeList.clear();
+        m_removed.clear();
         return true;
     }
-    collectReady(events);
-    serveReady();
+    serveReady(events);
     removeConnections();
     mergeSideInput();
     // Last: the side input above may still point at a connection removed in
     // this pass, and what is removed must not wait for the next pass to go.
-    m_removeList.clear();
+    m_removed.clear();
     return true;
 }
 
-void IPCServer::collectReady(int events) {
-    m_ready.clear();
-    m_ready.swap(m_pending);
+bool IPCServer::passTimeSpent() const {
+    return comm::monotonic_ms() - m_passStartMs > m_limits.passBudgetMs;
+}
+
+void IPCServer::serveReady(int events) {
+    m_woken.clear();
     for (int i = 0; i < events; ++i) {
         void* source = m_events[i].data.ptr;
         if (source == this) {
             uint64_t kicks = 0;
             [[maybe_unused]] const ssize_t got = ::read(m_kickFd, &kicks, sizeof(kicks));
         } else if (source != nullptr) {
-            m_ready.push_back(static_cast<Connection*>(source));
+            m_woken.push_back(static_cast<Connection*>(source));
         }
     }
-    // The order a pass has always had: the socket list's, oldest first...
-    std::sort(m_ready.begin(), m_ready.end(),
-              [](const Connection* a, const Connection* b) { return a->serial() < b->serial(); });
-    m_ready.erase(std::unique(m_ready.begin(), m_ready.end()), m_ready.end());
-    // ...after those the last pass had no time for.
-    if (!m_carried.empty()) {
-        m_ready.erase(std::remove_if(m_ready.begin(), m_ready.end(),
-                                     [this](const Connection* conn) {
-                                         return std::find(m_carried.begin(), m_carried.end(),
-                                                          conn) != m_carried.end();
-                                     }),
-                      m_ready.end());
-        m_ready.insert(m_ready.begin(), m_carried.begin(), m_carried.end());
-        m_carried.clear();
-    }
-}
-
-void IPCServer::serveReady() {
-    const int64_t start = comm::monotonic_ms();
+    const std::vector<Connection*>& ready = m_schedule.collect(&m_woken);
     size_t served = 0;
-    while (served < m_ready.size()) {
-        serveOne(m_ready[served++]);
-        if (served < m_ready.size() && comm::monotonic_ms() - start > m_limits.passBudgetMs) {
+    while (served < ready.size()) {
+        serveOne(ready[served++]);
+        if (served < ready.size() && passTimeSpent()) {
             // The loop looks at its sockets again before it goes on.
-            m_carried.assign(m_ready.begin() + static_cast<std::ptrdiff_t>(served), m_ready.end());
+            m_schedule.carryFrom(served);
             break;
         }
     }
@@ -369,7 +278,7 @@ void IPCServer::serveOne(Connection* conn) {
             mergeSideInput();
             break;
     }
-    queueForNextPass(conn);
+    m_schedule.requeue(conn);
 }
 
 void IPCServer::handleMessage(Connection* conn, const IPCMessage& msg) {
@@ -425,29 +334,23 @@ bool IPCServer::registerClient(Connection* conn, const IPCMessage& msg, const ch
     ItemClient previous;
     bool replaced = false;
     const char* refusal = nullptr;
-    bool tooMany = false;
     {
         const comm::MutexGuard guard(m_clientLock.get(), kSource, __LINE__, __LINE__);
         ItemClient* found = m_clients.find(key);
         refusal = refusal_reason(m_policy, tokenValid, found != nullptr && found->launched);
-        tooMany = refusal == nullptr && !m_clients.registeredOn(key, conn) &&
-                  m_clients.pairsOn(conn) >= m_limits.maxPairsPerConnection;
-        if (found != nullptr && refusal == nullptr && !tooMany) {
+        if (refusal == nullptr && !m_clients.registeredOn(key, conn) &&
+            m_clients.pairsOn(conn) >= m_limits.maxPairsPerConnection) {
+            refusal = "more pairs on one connection than VEXA_MAX_PAIRS_PER_CONNECTION allows";
+        }
+        if (found != nullptr && refusal == nullptr) {
             previous = *found;
             replaced = true;
             m_clients.erase(key);
         }
     }
-    if (refusal != nullptr || tooMany) {
-        if (refusal != nullptr) {
-            m_logger->writeFormat("registration refused: dev=%s test_item=%d socket=%d: %s", dev,
-                                  msg.test_item, conn->fd(), refusal);
-        } else {
-            m_logger->writeFormat(
-                "registration refused: dev=%s test_item=%d socket=%d: more than %zu pairs on "
-                "one connection",
-                dev, msg.test_item, conn->fd(), m_limits.maxPairsPerConnection);
-        }
+    if (refusal != nullptr) {
+        m_logger->writeFormat("registration refused: dev=%s test_item=%d socket=%d: %s", dev,
+                              msg.test_item, conn->fd(), refusal);
         endConnection(conn->shared_from_this(), true, true);
         return false;
     }
@@ -586,86 +489,67 @@ void IPCServer::serviceLingering(int64_t nowMs) {
 void IPCServer::mergeSideInput() {
     for (Connection* conn : sideFilled()) {
         conn->input().mergeSide();
-        queueForNextPass(conn);
+        m_schedule.requeue(conn);
     }
     sideFilled().clear();
 }
 
-void IPCServer::queueForNextPass(Connection* conn) {
-    MessageBuffer& input = conn->input();
-    if (conn->closing()) {
-        return;
-    }
-    if (input.ready()) {
-        m_pending.push_back(conn);
-    } else if (input.partial() &&
-               std::find(m_stalled.begin(), m_stalled.end(), conn) == m_stalled.end()) {
-        m_stalled.push_back(conn);
-    }
-}
-
 void IPCServer::expireStalled(int64_t nowMs) {
-    const int32_t budget = m_sockUtil.mysock_read_timeout();
-    size_t held = 0;
-    for (auto conn = m_stalled.begin(); conn != m_stalled.end();) {
-        MessageBuffer& input = (*conn)->input();
-        if ((*conn)->closing() || !input.partial()) {
-            conn = m_stalled.erase(conn);
-        } else if (input.expire(nowMs, budget)) {
-            m_pending.push_back(*conn);  // its failure is reported in this pass
-            conn = m_stalled.erase(conn);
-        } else {
-            held += input.incompleteBytes();
-            ++conn;
-        }
-    }
-    if (held <= m_limits.maxIncompleteBytes) {
-        return;
-    }
-    // The oldest first: a test's message completes at once, a trickle does not.
-    std::sort(m_stalled.begin(), m_stalled.end(), [](const Connection* a, const Connection* b) {
-        return a->input().incompleteSinceMs() < b->input().incompleteSinceMs();
-    });
-    size_t ended = 0;
-    for (; ended < m_stalled.size() && held > m_limits.maxIncompleteBytes; ++ended) {
-        Connection* conn = m_stalled[ended];
-        const size_t bytes = conn->input().incompleteBytes();
+    const PassSchedule::Expiry expiry =
+        m_schedule.expire(nowMs, m_sockUtil.mysock_read_timeout(), m_limits.maxIncompleteBytes);
+    size_t held = expiry.heldBytes;
+    for (Connection* conn : expiry.giveUp) {
+        const MessageBuffer& input = conn->input();
         m_logger->writeFormat(
             "incomplete messages hold %zu bytes, more than %zu: ending socket=%d, whose message "
             "has waited %lld ms with %zu bytes",
             held, m_limits.maxIncompleteBytes, conn->fd(),
-            static_cast<long long>(nowMs - conn->input().incompleteSinceMs()), bytes);
-        held -= bytes;
+            static_cast<long long>(nowMs - input.incompleteSinceMs()), input.incompleteBytes());
+        held -= input.incompleteBytes();
         endConnection(conn->shared_from_this(), true, true);
     }
-    m_stalled.erase(m_stalled.begin(), m_stalled.begin() + static_cast<std::ptrdiff_t>(ended));
 }
 
 void IPCServer::removeConnections() {
-    for (const Removal& removal : m_removeList) {
-        std::vector<ItemClient> rest;
-        {
-            // The lines of the removal's lock failures stay those they have always named.
-            comm::MutexGuard guard(m_clientLock.get(), kSource, 383, 403);
-            if (m_sockets.erase(removal.conn->serial()) != 0) {
-                m_connections = m_sockets.size();
-            }
-            rest = m_clients.takeAllOf(removal.conn.get());
+    // Each removal reports the pairs still registered on its connection: when
+    // the pass has run out of time, the rest wait for the next one. Until
+    // then their pairs stay listed, closing, so that a pair registered again
+    // meanwhile is never reported gone after its new registration.
+    size_t done = 0;
+    for (; done < m_removeList.size(); ++done) {
+        if (done > 0 && passTimeSpent()) {
+            break;
         }
-        // Raised for every removed socket, with or without a child behind it.
-        ++m_exitedCount;
-        // No pointer to it may outlive the list's.
-        Connection* gone = removal.conn.get();
-        for (std::vector<Connection*>* list : {&m_pending, &m_stalled, &m_carried}) {
-            list->erase(std::remove(list->begin(), list->end(), gone), list->end());
-        }
-        m_drops.erase(gone);
-        if (removal.reportRest) {
-            for (const ItemClient& item : rest) {
-                if (!item.closing &&
-                    make_client_key(item.dev, item.test_item) != removal.silentKey) {
-                    reportEnd(item);
-                }
+        removeConnection(m_removeList[done]);
+    }
+    m_removed.insert(m_removed.end(), std::make_move_iterator(m_removeList.begin()),
+                     std::make_move_iterator(m_removeList.begin() + static_cast<ptrdiff_t>(done)));
+    m_removeList.erase(m_removeList.begin(), m_removeList.begin() + static_cast<ptrdiff_t>(done));
+}
+
+void IPCServer::removeConnection(const Removal& removal) {
+    std::vector<ItemClient> rest;
+    bool listed = false;
+    {
+        // The lines of the removal's lock failures stay those they have always named.
+        comm::MutexGuard guard(m_clientLock.get(), kSource, 383, 403);
+        listed = m_sockets.erase(removal.conn->serial()) != 0;
+        m_connections = m_sockets.size();
+        rest = m_clients.takeAllOf(removal.conn.get());
+    }
+    if (!listed) {
+        return;  // ended twice in one pass
+    }
+    // Raised for every removed socket, with or without a child behind it.
+    ++m_exitedCount;
+    // No pointer to it may outlive the list's.
+    Connection* gone = removal.conn.get();
+    m_schedule.forget(gone);
+    m_drops.erase(gone);
+    if (removal.reportRest) {
+        for (const ItemClient& item : rest) {
+            if (!item.closing && make_client_key(item.dev, item.test_item) != removal.silentKey) {
+                reportEnd(item);
             }
         }
     }

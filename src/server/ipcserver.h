@@ -25,8 +25,10 @@
 
 #include "comm/thread_annotations.h"
 #include "core/ipcbase.h"
+#include "server/acceptor.h"
 #include "server/client_registry.h"
 #include "server/launcher.h"
+#include "server/pass_schedule.h"
 #include "server/registration_policy.h"
 #include "server/resource_limits.h"
 
@@ -89,21 +91,12 @@ class IPCServer : public IPCBase {
         int unlogged = 0;
     };
 
-    static void acceptThread(void* self);
-    void acceptLoop();
-    // Waits a little after an accept that failed for want of descriptors or
-    // memory; false when the listening socket itself is unusable.
-    bool survivedAcceptFailure(int error, int* failures);
-    // Collects this pass's connections: those left over from the last pass
-    // first, then those epoll reports and those with a whole message (or an
-    // end) already received, in order of acceptance.
-    void collectReady(int events);
-    // Serves the ready connections until the pass budget is spent; the rest
-    // go first in the next pass.
-    void serveReady();
+    // A new connection from the accept thread: listed, then watched.
+    void accepted(int fd);
+    // Serves the connections of this pass (see PassSchedule) until the pass
+    // budget is spent; `events` are epoll's.
+    void serveReady(int events);
     void serveOne(Connection* conn);
-    // What remains of conn's input decides when the loop looks at it again.
-    void queueForNextPass(Connection* conn);
     void handleMessage(Connection* conn, const IPCMessage& msg);
     // dev: the message's device as text (it may fill all 80 bytes without a NUL).
     // False when the registration was refused (its connection then ends).
@@ -125,24 +118,27 @@ class IPCServer : public IPCBase {
     // Fails incomplete messages that waited too long, and ends the connections
     // holding the oldest ones while all of them hold more than the limit.
     void expireStalled(int64_t nowMs);
+    // Takes the ended connections out of the list and the table, as many as
+    // the pass has time for.
     void removeConnections();
+    void removeConnection(const Removal& removal);
+    // The pass has run longer than its budget.
+    bool passTimeSpent() const;
     // Logs the pair's end and tells the host, as its closing flag says.
     void reportEnd(const ItemClient& item);
 
-    comm::ThreadHandle* m_acceptThread = nullptr;
-    std::atomic<bool> m_acceptStop{false};
     std::string m_servPath;
     int32_t m_port = 0;
     std::string m_ip;
     std::atomic<int> m_exitedCount{0};
     int m_listenSocket = -1;
     int m_epoll = -1;           // the client sockets; their connections join and leave it
-    int m_acceptWake = -1;      // readable once onStop() wants the accept thread to end
     int m_kickFd = -1;          // a launch asks the waiting loop to look again
     uint64_t m_nextSerial = 0;  // accept thread only
     RegistrationPolicy m_policy = RegistrationPolicy::kProtect;
     ResourceLimits m_limits;
     TestLauncher m_launcher;
+    Acceptor m_acceptor;
 
     std::unique_ptr<comm::Mutex, MutexDeleter> m_clientLock;
     // By serial: in order of acceptance.
@@ -153,13 +149,12 @@ class IPCServer : public IPCBase {
     // Processing thread only, kept to avoid allocating on every pass.
     std::vector<epoll_event> m_events;
     std::string m_key;  // the key of the message at hand
-    std::vector<Connection*> m_ready;
-    // Connections of the socket list (removals take them out of these too):
-    std::vector<Connection*> m_carried;  // ready, left over when a pass ran out of time
-    std::vector<Connection*> m_pending;  // whole message or end already received
-    std::vector<Connection*> m_stalled;  // part of a message waits for the rest
+    std::vector<Connection*> m_woken;
+    PassSchedule m_schedule;
     std::unordered_map<const Connection*, Drops> m_drops;
-    std::vector<Removal> m_removeList;
+    std::vector<Removal> m_removeList;  // ended, to be removed
+    std::vector<Removal> m_removed;     // removed in this pass, kept alive to its end
+    int64_t m_passStartMs = 0;
     std::vector<Lingering> m_lingering;
 };
 
