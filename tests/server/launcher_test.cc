@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -15,6 +16,7 @@
 
 #include <gtest/gtest.h>
 
+#include "core/launch_token.h"
 #include "running_server.h"
 #include "server/ipcserver.h"
 
@@ -81,16 +83,18 @@ class Launch : public testing::Test {
     }
 
     // The arguments the recording program wrote; it is reaped and its record
-    // removed. The sockets it inherited are kept in `inherited`.
+    // removed. Its token and the sockets it inherited are kept in `token`
+    // and `inherited`.
     Words recorded() {
         EXPECT_TRUE(vexa_test::wait_until([&] { return !vexa_test::read_file(file).empty(); }));
         Words lines = vexa_test::read_lines(file);
         std::remove(file.c_str());
-        if (lines.size() < 2)
+        if (lines.size() < 3)
             return Words();
         waitpid(static_cast<pid_t>(std::atoi(lines[0].c_str())), nullptr, 0);
         inherited = std::atoi(lines.back().c_str() + std::strlen("sockets "));
-        return Words(lines.begin() + 1, lines.end() - 1);
+        token = lines[lines.size() - 2].substr(std::strlen("token "));
+        return Words(lines.begin() + 1, lines.end() - 2);
     }
 
     // Argument vector with element 0 dropped, which the emulator changes.
@@ -103,6 +107,7 @@ class Launch : public testing::Test {
     vexa_test::ScopedEnv record{"VEXA_TEST_ARGV_FILE", file.c_str()};
     srvtest::Running r;
     int inherited = -1;
+    std::string token;
 };
 
 // The plans above, through the real launch: a pre-command reaches the prefix
@@ -132,8 +137,11 @@ TEST_F(Launch, LaunchedProgramsReceiveTheirCommandLines) {
 TEST_F(Launch, KillClientWaitsOnlyRightAfterALaunch) {
     ASSERT_NE(r.server, nullptr);
     r.server->set_su_file_path("", "");
-    // A program that cannot be started is a launch all the same.
+    // A program that cannot be started is a launch all the same; the log says why.
     EXPECT_EQ(r.server->run_test("/nonexistent/vexa-no-such-test", nullptr, nullptr), 1);
+    EXPECT_TRUE(
+        vexa_test::log_has(r.log, "run_test: cannot execute /nonexistent/vexa-no-such-test: " +
+                                      std::string(std::strerror(ENOENT))));
     const std::string delay = "delay 500ms as just ipc_run_test";
 
     long long before = vexa_test::monotonic_ms();
@@ -190,6 +198,77 @@ TEST_F(Launch, LaunchedProgramsInheritNoSocket) {
     r.server->run_test(kPeer.c_str(), nullptr, nullptr);
     EXPECT_FALSE(recorded().empty());
     EXPECT_EQ(inherited, 0);
+}
+
+// Each launch hands its program a fresh secret in its environment, never on
+// its command line, in the log or in the host's own environment; a token the
+// host itself was launched with is not passed on.
+TEST_F(Launch, EachProgramGetsAFreshTokenOfItsOwn) {
+    ASSERT_NE(r.server, nullptr);
+    vexa_test::ScopedEnv fromParent("VEXA_LAUNCH_TOKEN", "0123456789abcdef0123456789abcdef");
+    r.server->set_su_file_path(kDirect.c_str(), "");
+    std::vector<std::string> tokens;
+    for (int i = 0; i < 2; ++i) {
+        r.server->run_test(kPeer.c_str(), nullptr, nullptr);
+        const Words argv = recorded();
+        EXPECT_TRUE(vexa::is_launch_token(token.data(), token.size())) << token;
+        EXPECT_EQ(std::find(argv.begin(), argv.end(), token), argv.end());
+        EXPECT_EQ(vexa_test::read_file(r.log).find(token), std::string::npos);
+        tokens.push_back(token);
+    }
+    EXPECT_NE(tokens[0], tokens[1]);
+    EXPECT_NE(tokens[0], std::getenv("VEXA_LAUNCH_TOKEN"));
+}
+
+// A 9001 whose body is the pid followed by `token`.
+bool register_with(vexa_test::FramedConn& conn, int port, const std::string& dev,
+                   const std::string& token) {
+    const int32_t pid = 4242;
+    std::string body(reinterpret_cast<const char*>(&pid), sizeof(pid));
+    return conn.connectTo(port) && conn.sendMsg(dev, 1, CLIENT_IPC_CONFIG, body + token);
+}
+
+// Who may register a pair under each policy. The launched test registers with
+// the token its launch gave it; the host sees its 4-byte pid only. A
+// registration without a valid token may never take its pair under protect,
+// nor anything under launched; a refused one ends its connection, and the
+// host hears nothing of it.
+TEST_F(Launch, TheRegistrationPolicyDecidesWhoMayTakeAPair) {
+    const std::string forged(vexa::kLaunchTokenLength, 'a');
+    for (const char* policy : {"protect", "launched", "open"}) {
+        SCOPED_TRACE(policy);
+        vexa_test::ScopedEnv setting("VEXA_REGISTRATION", policy);
+        srvtest::Running s;
+        ASSERT_NE(s.server, nullptr);
+        s.server->set_su_file_path(kDirect.c_str(), "");
+        s.server->run_test(kPeer.c_str(), nullptr, nullptr);
+        recorded();
+        const bool open = std::string(policy) == "open";
+        const bool launchedOnly = std::string(policy) == "launched";
+
+        vexa_test::FramedConn test, plain, impostor, forger, relaunched;
+        ASSERT_TRUE(register_with(test, s.port, "dev", token));
+        ASSERT_TRUE(s.events.waitFor(CLIENT_IPC_CONFIG, "dev", 1));
+        EXPECT_EQ(s.events.matching(CLIENT_IPC_CONFIG)[0].len, 4);
+        ASSERT_TRUE(register_with(plain, s.port, "plain", ""));
+        EXPECT_EQ(plain.waitEof(launchedOnly ? 10000 : 300), launchedOnly);
+        ASSERT_TRUE(register_with(forger, s.port, "dev", forged));
+        EXPECT_EQ(forger.waitEof(open ? 300 : 10000), !open);
+        ASSERT_TRUE(register_with(impostor, s.port, "dev", ""));
+        EXPECT_EQ(impostor.waitEof(open ? 300 : 10000), !open);
+        EXPECT_EQ(test.waitEof(open ? 10000 : 300), open);
+        if (!open) {
+            // The test's own next launch may take its pair back.
+            ASSERT_TRUE(register_with(relaunched, s.port, "dev", token));
+            EXPECT_TRUE(test.waitEof());
+        }
+        EXPECT_TRUE(s.events.waitFor(CLIENT_IPC_CONFIG, "dev", 1, open ? 3 : 2));
+        EXPECT_EQ(s.events.matching(CLIENT_IPC_CONFIG).size(), open ? 4u : launchedOnly ? 2u : 3u);
+        EXPECT_TRUE(s.events.matching(CLIENT_IPC_OFFLINE).empty());
+        EXPECT_EQ(vexa_test::count_log_prefix(s.log, "registration refused: "), open           ? 0
+                                                                                : launchedOnly ? 3
+                                                                                               : 2);
+    }
 }
 
 }  // namespace

@@ -4,8 +4,9 @@
 //   peer_program [-t ADDRESS] [-d DEV] [--client ITEM [--exit]] [--host]
 //
 // With VEXA_TEST_ARGV_FILE set it first writes its pid, its arguments, one
-// per line, and "sockets N", the sockets it inherited, to that file (through
-// a rename, so a reader never sees half).
+// per line, "token T", its VEXA_LAUNCH_TOKEN (or "-"), and "sockets N", the
+// sockets it inherited, to that file (through a rename, so a reader never
+// sees half).
 // --client: registers as DEV / ITEM at ADDRESS and echoes every command with
 //   event + 1; on 901 or when the server goes it leaves in order, on 902 (or
 //   at once with --exit) it dies without a word.
@@ -77,6 +78,8 @@ int main(int argc, char** argv) {
             std::fprintf(out, "%d\n", static_cast<int>(getpid()));
             for (int i = 0; i < argc; ++i)
                 std::fprintf(out, "%s\n", argv[i]);
+            const char* token = std::getenv("VEXA_LAUNCH_TOKEN");
+            std::fprintf(out, "token %s\n", token != nullptr ? token : "-");
             std::fprintf(out, "sockets %d\n", open_sockets());
             std::fclose(out);
             std::rename(part.c_str(), record);
