@@ -53,7 +53,7 @@ else
     unchecked "the AAR's name: no build-aar/vexatool-*.aar (scripts/build-aar.sh makes one)"
 fi
 
-pyversion=$(cd / && PYTHONPATH="$root/python" "$python" -c \
+pyversion=$(cd / && PYTHONDONTWRITEBYTECODE=1 PYTHONPATH="$root/python" "$python" -c \
     'import vexawire; print(vexawire.__version__)' 2>/dev/null)
 if [ -n "$pyversion" ]; then
     agree "vexawire.__version__" "$pyversion"
