@@ -1,7 +1,10 @@
-# Debian packages through CPack: `cpack -G DEB` in a build directory makes
-#   libvexatool64       the shared library
-#   libvexatool64-dev   the header, the CMake package and the pkg-config file
-#   vexahost            the host tool
+# Debian packages through CPack: `cpack -G DEB` in a build directory
+# configured with -DCMAKE_INSTALL_PREFIX=/usr makes
+#   libvexatool64       the shared library (in /usr/lib/<multiarch>)
+#   libvexatool64-dev   the header, the CMake package, the pkg-config file and
+#                       the section 3 and 7 manual pages
+#   vexahost            the host tool and its manual page
+# each with its machine-readable copyright file in /usr/share/doc/<package>/.
 #
 # The library keeps its unversioned name libvexatool64.so (no SONAME version),
 # which is what Android hosts load. VEXA_VERSIONED_SONAME=ON gives desktop
@@ -15,8 +18,6 @@ if(VEXA_VERSIONED_SONAME)
         VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR})
     set(vexa_runtime_package libvexatool64-${PROJECT_VERSION_MAJOR})
 endif()
-
-install(TARGETS vexahost RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tool)
 
 set(CPACK_PACKAGE_NAME vexatool)
 set(CPACK_PACKAGE_VENDOR "vexatool developers")
@@ -37,7 +38,7 @@ set(CPACK_DEBIAN_DEV_PACKAGE_NAME libvexatool64-dev)
 set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "${vexa_runtime_package} (= ${PROJECT_VERSION})")
 set(CPACK_DEBIAN_DEV_DESCRIPTION
-    "development files of libvexatool64\n The header vexatool.h, a CMake package (vexatool::vexatool64) and a pkg-config file.")
+    "development files of libvexatool64\n The header vexatool.h, a CMake package (vexatool::vexatool64), a pkg-config file\n and the manual pages of the ten functions and of vexatool(7).")
 
 # The tool's own library dependency cannot go through dpkg-shlibdeps (the
 # unversioned library carries no shlibs information), so it is written here.
@@ -48,4 +49,29 @@ set(CPACK_DEBIAN_TOOL_PACKAGE_DEPENDS
 set(CPACK_DEBIAN_TOOL_DESCRIPTION
     "host for test programs run from a shell\n Launches tests, prints their events and sends what is typed.")
 
-include(CPack)
+# Each package's copyright file; a plain install has LICENSE in its docdir.
+foreach(component runtime dev tool)
+    string(TOUPPER ${component} vexa_upper)
+    install(FILES ${PROJECT_SOURCE_DIR}/cmake/debian/copyright
+        DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/${CPACK_DEBIAN_${vexa_upper}_PACKAGE_NAME}
+        COMPONENT ${component} EXCLUDE_FROM_ALL)
+endforeach()
+
+# The packages install under /usr, but the paths inside them were fixed when
+# the build was configured: one configured for another prefix would put the
+# library into /usr/lib instead of the multiarch directory. cpack refuses that.
+set(vexa_deb_libdir lib)
+if(CMAKE_LIBRARY_ARCHITECTURE)
+    set(vexa_deb_libdir lib/${CMAKE_LIBRARY_ARCHITECTURE})
+endif()
+set(VEXA_CONFIGURED_LIBDIR "${CMAKE_INSTALL_LIBDIR}")
+set(VEXA_DEB_LIBDIR "${vexa_deb_libdir}")
+configure_file(${PROJECT_SOURCE_DIR}/cmake/VexaCPackOptions.cmake.in
+    ${PROJECT_BINARY_DIR}/VexaCPackOptions.cmake @ONLY)
+set(CPACK_PROJECT_CONFIG_FILE ${PROJECT_BINARY_DIR}/VexaCPackOptions.cmake)
+
+# Packaging is the top project's business: a tree added with add_subdirectory
+# leaves the parent's CPack settings alone.
+if(CMAKE_SOURCE_DIR STREQUAL PROJECT_SOURCE_DIR)
+    include(CPack)
+endif()

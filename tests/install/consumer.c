@@ -1,5 +1,5 @@
-/* Links against the installed library and calls it with null handles, which
- * every function accepts without creating an endpoint. */
+/* Links against the library (installed, or added as a subproject) and calls it
+ * with null handles, which every function accepts without creating an endpoint. */
 #include <stdio.h>
 
 #include <vexatool.h>
@@ -11,7 +11,7 @@ int main(void) {
         printf("consumer: unexpected result\n");
         return 1;
     }
-    printf("consumer: linked against the installed libvexatool64 (max body %d bytes)\n",
+    printf("consumer: linked against libvexatool64 %s (max body %d bytes)\n", VEXA_VERSION_STRING,
            IPC_MAX_DATA_LEN - 1);
     return 0;
 }
