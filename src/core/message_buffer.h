@@ -77,6 +77,8 @@ class MessageBuffer {
     // The bytes of that part, 0 when none; and since when its first bytes
     // have been here (monotonic milliseconds).
     size_t incompleteBytes() const { return partial() ? buffered() : 0; }
+    // Bytes of storage held now.
+    size_t capacity() const { return m_capacity; }
     int64_t incompleteSinceMs() const { return m_frontSinceMs; }
     // The first message, if whole, into msg (data points into this buffer,
     // NUL after the body, valid until done()); or the failure, logged.

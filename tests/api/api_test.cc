@@ -185,16 +185,29 @@ TEST(Api, CallbacksAnsweringEachOtherNeverWaitForEver) {
     ipc_uninit_server(echoes.server);
 }
 
-// Launched test programs register, echo, then leave in order or die.
+// Launched test programs and libraries register with the tokens of their
+// launches, so that a server that takes nobody else has them all; then the
+// programs echo, and leave in order or die.
 TEST(Api, LaunchedProgramsCloseOrGoOffline) {
     CallbackLog host;
-    void* server = ipc_init_server(fresh_address().c_str(), &CallbackLog::callback, &host);
+    const int port = vexa_test::free_loopback_port();
+    void* server = nullptr;
+    {
+        vexa_test::ScopedEnv launchedOnly("VEXA_REGISTRATION", "launched");
+        server = ipc_init_server(("tcp://:" + std::to_string(port)).c_str(), &CallbackLog::callback,
+                                 &host);
+    }
     ASSERT_NE(server, nullptr);
     ipc_set_su_file_path(server, kEmulator, "");
     ASSERT_TRUE(ipc_run_test(server, VEXA_PEER_PROGRAM, "leaver", "--client 7"));
     ASSERT_TRUE(ipc_run_test(server, VEXA_PEER_PROGRAM, "dier", "--client 7"));
+    ASSERT_TRUE(ipc_run_test(server, EXAMPLE_TEST_SO, "in-process", nullptr));
     ASSERT_TRUE(host.waitFor(CLIENT_IPC_CONFIG, "leaver", 7));
     ASSERT_TRUE(host.waitFor(CLIENT_IPC_CONFIG, "dier", 7));
+    ASSERT_TRUE(host.waitFor(CLIENT_IPC_CONFIG, "in-process", 2));
+    vexa_test::FramedConn stranger;
+    ASSERT_TRUE(stranger.connectTo(port) && stranger.registerAs("stranger", 7));
+    EXPECT_TRUE(stranger.waitEof());
 
     ipc_send_command(server, "leaver", 7, 500, "echo me", 7);
     ASSERT_TRUE(host.waitFor(501, "leaver", 7));

@@ -3,7 +3,9 @@
 // and teardown.
 #include "server/ipcserver.h"
 
+#include <fcntl.h>
 #include <poll.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -11,6 +13,7 @@
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
+#include <memory>
 #include <mutex>
 #include <set>
 #include <string>
@@ -389,6 +392,81 @@ TEST(ServerListen, ABurstOfConnectsIsTakenInAtOnce) {
     }
     EXPECT_EQ(connected, pending.size());
     EXPECT_LT(vexa_test::monotonic_ms() - start, 900);
+}
+
+// What one peer can make the server hold is bounded: one pair more than the
+// limit ends its connection (9006 for the others), and while incomplete
+// messages hold more than their limit, the connection holding the oldest is
+// ended; the others go on.
+TEST(ServerLimits, PairsAndIncompleteMessagesAreBounded) {
+    vexa_test::ScopedEnv pairs("VEXA_MAX_PAIRS_PER_CONNECTION", "3");
+    vexa_test::ScopedEnv incomplete("VEXA_MAX_INCOMPLETE_BYTES", "300000");
+    Running r;
+    ASSERT_NE(r.server, nullptr);
+    FramedConn many;
+    ASSERT_TRUE(r.join(many, "p", 1));
+    ASSERT_TRUE(many.registerAs("p", 2) && many.registerAs("p", 3) && many.registerAs("p", 4));
+    EXPECT_TRUE(many.waitEof());
+    EXPECT_TRUE(r.events.waitFor(CLIENT_IPC_OFFLINE, nullptr, 0, 3));
+    EXPECT_EQ(r.events.matching(CLIENT_IPC_CONFIG).size(), 3u);
+    EXPECT_EQ(vexa_test::count_log_prefix(r.log, "registration refused: dev=p test_item=4"), 1);
+
+    FramedConn oldest, younger, whole;
+    ASSERT_TRUE(r.join(oldest, "old", 1) && r.join(younger, "young", 1) &&
+                r.join(whole, "whole", 1));
+    const std::string half = vexa_test::pattern(160000);
+    ASSERT_TRUE(oldest.sendRaw(head_bytes("old", 1, 600, 0, 0, 200000) + half));
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    ASSERT_TRUE(younger.sendRaw(head_bytes("young", 1, 600, 0, 0, 200000) + half));
+    EXPECT_TRUE(oldest.waitEof());
+    EXPECT_TRUE(r.events.waitFor(CLIENT_IPC_OFFLINE, "old", 1));
+    ASSERT_TRUE(younger.sendRaw(vexa_test::pattern(40000)));
+    ASSERT_TRUE(whole.sendMsg("whole", 1, 601, "x"));
+    EXPECT_TRUE(r.events.waitFor(600, "young", 1));
+    EXPECT_TRUE(r.events.waitFor(601, "whole", 1));
+    EXPECT_EQ(vexa_test::count_log_prefix(r.log, "incomplete messages hold "), 1);
+}
+
+// Out of descriptors, accept() fails: the accept thread says so once, waits,
+// and takes the waiting connection in as soon as descriptors are free again.
+// (While they are out, this process cannot open a file either: the log is
+// read only afterwards.)
+TEST(ServerListen, RunningOutOfDescriptorsOnlyPausesAccepting) {
+    Running r;
+    ASSERT_NE(r.server, nullptr);
+    FramedConn waiting;
+    ASSERT_TRUE(waiting.open());
+    rlimit saved{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &saved), 0);
+    rlimit low = saved;
+    low.rlim_cur = 4096;
+    std::vector<int> fillers;
+    if (saved.rlim_cur > low.rlim_cur) {
+        ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &low), 0);
+    }
+    for (int fd; (fd = dup(0)) >= 0;)
+        fillers.push_back(fd);
+    const bool full = errno == EMFILE;
+    const bool sent = waiting.connectTo(r.port) && waiting.registerAs("waited", 1);
+    const bool early = r.events.waitFor(CLIENT_IPC_CONFIG, "waited", 1, 1, 300);
+    for (int i = 0; i < 2; ++i) {
+        close(fillers.back());
+        fillers.pop_back();
+    }
+    const bool accepted = r.events.waitFor(CLIENT_IPC_CONFIG, "waited", 1);
+    for (int fd : fillers)
+        close(fd);
+    setrlimit(RLIMIT_NOFILE, &saved);
+    ASSERT_TRUE(full && sent);
+    EXPECT_FALSE(early) << "accepted while no descriptor was free";
+    EXPECT_TRUE(accepted);
+    EXPECT_EQ(
+        vexa_test::count_log_text(r.log, "accept failed error=" + vexa_test::error_text(EMFILE) +
+                                             ", retrying every 50 ms"),
+        1);
+    EXPECT_EQ(vexa_test::count_log_prefix(r.log, "accept resumed after "), 1);
+    FramedConn after;
+    EXPECT_TRUE(r.join(after, "after", 1));
 }
 
 // CLIENT_IPC_EXIT is answered by one bare head and reported as closed; a
