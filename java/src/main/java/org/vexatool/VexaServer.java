@@ -151,9 +151,10 @@ public final class VexaServer implements AutoCloseable {
      * @return true when the message was handed to the library for a registered key: one that
      *     {@link VexaEvents#CLIENT_IPC_CONFIG} brought to the listener and neither {@link
      *     VexaEvents#CLIENT_IPC_CLOSED} nor {@link VexaEvents#CLIENT_IPC_OFFLINE} took away since;
-     *     it does not mean that the test received it (the connection may break on the way). False
-     *     when the key is not registered, the server is closed or the body is longer than {@link
-     *     VexaEvents#MAX_BODY_LENGTH}.
+     *     it does not mean that the test received it (the connection may break on the way; and a
+     *     test that registers the same pair twice on one connection is dropped without an event,
+     *     so its key stays here). False when the key is not registered, the server is closed or
+     *     the body is longer than {@link VexaEvents#MAX_BODY_LENGTH}.
      */
     public boolean sendCommand(@NotNull String dev, int testItem, int eventId, @Nullable byte[] data) {
         return sendCommand(Natives.utf8(Objects.requireNonNull(dev, "dev")), testItem, eventId, data);
