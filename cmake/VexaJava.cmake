@@ -5,10 +5,17 @@
 #   arm64 cross    Android's jni.h from Debian's android-libnativehelper-dev;
 #   NDK            the NDK's own jni.h, found by the compiler.
 #
+# The classes carry nullability annotations from Debian's
+# libjetbrains-annotations-java, needed to compile them only (their retention
+# is CLASS: no run time reads them), and javadoc makes their reference pages.
+#
 # Sets VEXA_JNI_INCLUDE_DIRS (empty for the NDK), VEXA_ANDROID_JNI_INCLUDE_DIR
-# (Android's jni.h on this machine, when installed) and the option
-# VEXA_BUILD_JAVA, on by default when a jni.h for the target was found.
-find_package(Java COMPONENTS Development QUIET)
+# (Android's jni.h on this machine, when installed), VEXA_ANNOTATIONS_JAR and
+# the option VEXA_BUILD_JAVA, on by default when a jni.h for the target was
+# found.
+find_package(Java COMPONENTS Development QUIET)  # javac, jar and javadoc
+find_file(VEXA_ANNOTATIONS_JAR org.jetbrains.annotations-java8.jar
+    PATHS /usr/share/java NO_DEFAULT_PATH NO_CMAKE_FIND_ROOT_PATH)
 find_path(VEXA_ANDROID_JNI_INCLUDE_DIR jni.h
     PATHS /usr/include/android/nativehelper NO_DEFAULT_PATH NO_CMAKE_FIND_ROOT_PATH)
 

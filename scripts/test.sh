@@ -18,7 +18,7 @@ fi
 ensure_packages cmake ninja-build g++ libgtest-dev file scdoc \
     python3 python3-pytest python3-venv python3-setuptools tshark
 # The JDK, JUnit and the Android headers and liblog serve the Java binding and its tests.
-ensure_packages openjdk-17-jdk-headless junit4 android-libnativehelper-dev android-liblog-dev
+ensure_packages openjdk-17-jdk-headless junit4 android-libnativehelper-dev android-liblog-dev libjetbrains-annotations-java kotlin
 
 flags=""
 case "$sanitize" in

@@ -1,21 +1,31 @@
 package org.vexatool;
 
+import java.util.function.BooleanSupplier;
 import java.util.function.LongConsumer;
 import java.util.function.LongPredicate;
 
 /**
- * The native handle of one endpoint and the calls using it. Release waits for the calls under way,
- * and calls after it find the handle gone; so no call ever uses a released handle.
+ * The native handle of one endpoint and the calls using it. The handle is published once the
+ * library has made the endpoint; its listener may be called before that, and a call from it waits
+ * for the handle. Release waits for the calls under way, and calls after it find the handle gone;
+ * so no call ever uses a released handle.
  */
 final class NativeHandle {
-    private long handle; // 0 once closing began; guarded by this
+    private boolean published; // guarded by this
+    private long handle; // guarded by this; 0 until published, if never made, once closing began
     private int callsUnderWay; // guarded by this
 
-    NativeHandle(long handle) {
-        this.handle = handle;
+    /**
+     * Gives the handle that making the endpoint returned, 0 when it failed; calls waiting for it go
+     * on. The endpoint's thread never waits for the maker, so it cannot wait for this either.
+     */
+    synchronized void publish(long made) {
+        handle = made;
+        published = true;
+        notifyAll();
     }
 
-    /** Runs {@code call} with the handle, unless closing began; false then. */
+    /** Runs {@code call} with the handle, unless there is none (closed, never made); false then. */
     boolean call(LongPredicate call) {
         long h = beginCall();
         if (h == 0) {
@@ -36,8 +46,9 @@ final class NativeHandle {
         }
     }
 
-    /** The handle for one call, to be ended with {@link #endCall}; 0 when closed (no call). */
+    /** The handle for one call, to be ended with {@link #endCall}; 0 when there is none (no call). */
     private synchronized long beginCall() {
+        waitWhile(() -> !published);
         if (handle != 0) {
             callsUnderWay++;
         }
@@ -52,12 +63,13 @@ final class NativeHandle {
 
     /**
      * Takes the handle away once the calls under way have ended (a send waits at most for the
-     * library's write limit); 0 when it was already taken.
+     * library's write limit); 0 when there is none.
      *
      * @throws IllegalStateException on the endpoint's own listener thread, whose release would
      *     wait for itself
      */
     private synchronized long takeForRelease() {
+        waitWhile(() -> !published);
         long taken = handle;
         if (taken == 0) {
             return 0;
@@ -67,17 +79,22 @@ final class NativeHandle {
                     "an endpoint cannot be closed from its own listener; close it from another thread");
         }
         handle = 0;
+        waitWhile(() -> callsUnderWay > 0);
+        return taken;
+    }
+
+    /** Waits on this object, whose lock the caller holds, while {@code condition} is true. */
+    private void waitWhile(BooleanSupplier condition) {
         boolean interrupted = false;
-        while (callsUnderWay > 0) {
+        while (condition.getAsBoolean()) {
             try {
                 wait();
             } catch (InterruptedException e) {
-                interrupted = true;
+                interrupted = true; // kept for the caller, once the wait is over
             }
         }
         if (interrupted) {
             Thread.currentThread().interrupt();
         }
-        return taken;
     }
 }
