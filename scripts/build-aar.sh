@@ -5,7 +5,7 @@
 #   scripts/build-aar.sh [OUT_DIR]      # default build-aar/
 #
 # With ANDROID_NDK (or ANDROID_NDK_HOME) set, the libraries are built with the
-# NDK's toolchain for arm64-v8a and API level 24: the archive an app uses.
+# NDK's toolchain for arm64-v8a and API level 21: the archive an app uses.
 # Without it they are cross-built with Debian's g++-aarch64-linux-gnu: the same
 # code, layout and 16 KB alignment, but linked against glibc, so that archive
 # serves to check the packaging, not to run on a device.
@@ -30,7 +30,7 @@ build="$out/cmake-arm64"
 ndk=${ANDROID_NDK:-${ANDROID_NDK_HOME:-}}
 if [ -n "$ndk" ]; then
     toolchain=(-DCMAKE_TOOLCHAIN_FILE="$ndk/build/cmake/android.toolchain.cmake"
-        -DANDROID_ABI=arm64-v8a -DANDROID_PLATFORM=android-24 -DANDROID_STL=c++_static)
+        -DANDROID_ABI=arm64-v8a -DANDROID_PLATFORM=android-21 -DANDROID_STL=c++_static)
     ndk_major=$(sed -n 's/^Pkg.Revision *= *\([0-9]*\).*/\1/p' "$ndk/source.properties")
 else
     ensure_packages g++-aarch64-linux-gnu
@@ -75,7 +75,7 @@ JSON
 cat >"$libs/abi.json" <<JSON
 {
     "abi": "arm64-v8a",
-    "api": 24,
+    "api": 21,
     "ndk": $ndk_major,
     "stl": "none",
     "static": false

@@ -43,7 +43,7 @@ with zipfile.ZipFile(aar_path) as aar:
     metadata = {"prefab/prefab.json": {"schema_version": 2, "name": "vexatool",
                                        "version": version, "dependencies": []},
                 MODULE + "module.json": {"export_libraries": [], "library_name": "libvexatool64"},
-                LIBS + "abi.json": {"abi": "arm64-v8a", "api": 24, "stl": "none", "static": False}}
+                LIBS + "abi.json": {"abi": "arm64-v8a", "api": 21, "stl": "none", "static": False}}
     for name, expected in metadata.items():
         found = json.loads(read(name))
         ndk = found.pop("ndk", None) if name.endswith("abi.json") else 0

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Looks through the library's sources (src/, include/) and its CMake files for
 # interfaces that glibc has but Android's bionic lacks, gates above the
-# library's minimum API level (24), or that the NDK's toolchain does not ship.
+# library's minimum API level (21), or that the NDK's toolchain does not ship.
 # Prints each offending line with the reason and exits 1; exits 0 when clean.
 #
 #   scripts/check-portability.sh
@@ -22,8 +22,8 @@ source_rules=$(
 \b(get|set|make|swap)context[[:space:]]*\(	ucontext functions: bionic has them only from API 26
 \bfd_set\b|\bFD_(SET|ZERO|ISSET|CLR)\b	fd_set/FD_SET: aborts the host for descriptors >= 1024; wait with poll
 <sys/sysctl\.h>|\bsysctl[[:space:]]*\(	sysctl: not in bionic
-\bqsort_r[[:space:]]*\(	qsort_r: glibc extension, not in bionic at API 24
-\bstrverscmp[[:space:]]*\(	strverscmp: glibc extension, not in bionic at API 24
+\bqsort_r[[:space:]]*\(	qsort_r: glibc extension, not in bionic at API 21
+\bstrverscmp[[:space:]]*\(	strverscmp: glibc extension, not in bionic at API 21
 <gnu/libc-version\.h>|\bgnu_get_libc_(version|release)[[:space:]]*\(	glibc version query: glibc only
 \bpthread_(cancel|testcancel|setcancelstate|setcanceltype)[[:space:]]*\(|\bPTHREAD_CANCEL	pthread cancellation: not in bionic
 \bpthread_mutexattr_(set|get)robust[[:space:]]*\(|\bpthread_mutex_consistent[[:space:]]*\(	robust mutexes: not in bionic
@@ -43,7 +43,7 @@ source_rules=$(
 \bdlmopen[[:space:]]*\(|\bRTLD_DEEPBIND\b	dlmopen/RTLD_DEEPBIND: not in bionic
 \b(getrandom|getentropy)[[:space:]]*\(	getrandom/getentropy: bionic has them only from API 28
 \b(getpwent|getgrent|setpwent|setgrent|endpwent|endgrent)[[:space:]]*\(	passwd/group enumeration: bionic has it only from API 26
-\b(aligned_alloc|reallocarray|memfd_create|statx|renameat2|close_range|copy_file_range)[[:space:]]*\(	bionic has it only above API 24
+\b(aligned_alloc|reallocarray|memfd_create|statx|renameat2|close_range|copy_file_range)[[:space:]]*\(	bionic has it only at a later API level
 \b(ecvt|fcvt|gcvt)[[:space:]]*\(	ecvt/fcvt/gcvt: not in bionic
 <bits/stdc\+\+\.h>|<ext/[a-z_]+\.h>|\b__gnu_cxx::	libstdc++ internals: the NDK ships libc++
 EOF
@@ -125,7 +125,7 @@ done < <(find CMakeLists.txt src include cmake -type f \
     \( -name CMakeLists.txt -o -name '*.cmake' \) -print0 2>/dev/null | sort -z)
 
 if [ "$found" -ne 0 ]; then
-    echo "portability check failed: the lines above do not build or behave on Android (API 24)" >&2
+    echo "portability check failed: the lines above do not build or behave on Android (API 21)" >&2
     exit 1
 fi
 echo "portability check passed: src/, include/ and the CMake files use nothing glibc-only"
