@@ -146,10 +146,11 @@ def test_client_sends_its_launch_token_and_leaves_a_host_that_sends_a_refused_le
     token = "0123456789abcdef" * 2
     with socket.socket() as listener:
         listener.bind(("127.0.0.1", 0))
-        listener.listen(3)
+        listener.listen(4)
         address = "tcp://:%d" % listener.getsockname()[1]
         # Exactly 32 hex characters travel, after the pid; anything else stays home.
-        for value, tail in ((token, token.encode()), (token[1:], b""), ("g" + token[1:], b"")):
+        for value, tail in ((token, token.encode()), (token[1:], b""), (token + "0", b""),
+                            ("g" + token[1:], b"")):
             monkeypatch.setenv("VEXA_LAUNCH_TOKEN", value)
             client = Client.connect(address, "d", 1)
             conn, _ = listener.accept()
