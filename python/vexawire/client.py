@@ -60,9 +60,9 @@ class Client:
     @classmethod
     def connect(cls, address: str, dev, item: int, timeout: Optional[float] = 3.0) -> "Client":
         """Connects to the host at `address` and registers as (dev, item) with
-        9001, this process's id and its launch token, if any. A timeout of None or 0 waits as long as the
-        system does. Raises ValueError for a bad address, OSError when the host
-        cannot be reached."""
+        9001, this process's id and its launch token, if any. A timeout of None
+        or 0 waits as long as the system does. Raises ValueError for a bad
+        address, OSError when the host cannot be reached."""
         host, port = parse_address(address)
         sock = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
         try:

@@ -11,7 +11,8 @@ One message is a 100-byte head followed by the body:
         96     4  body length, 0 to 511999
 
 All integers are big-endian signed 32-bit. The one exception is the body of a
-registration (9001): the sender's process id in the machine's own byte order.
+registration (9001): the sender's process id in the machine's own byte order,
+followed, from a launched test, by its launch token (32 ASCII hex characters).
 """
 
 import socket
