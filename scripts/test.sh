@@ -16,7 +16,7 @@ if [ "${1:-}" = "--sanitize" ]; then
 fi
 
 ensure_packages cmake ninja-build g++ libgtest-dev file scdoc \
-    python3 python3-pytest python3-venv python3-setuptools tshark
+    python3 python3-pytest python3-venv python3-setuptools python3-wheel tshark
 # The JDK, JUnit and the Android headers and liblog serve the Java binding and its tests.
 ensure_packages openjdk-17-jdk-headless junit4 android-libnativehelper-dev android-liblog-dev libjetbrains-annotations-java kotlin
 

@@ -3,6 +3,7 @@ framed messages over TCP and follow its registration and routing rules."""
 
 from .client import Client, ServerGone
 from .host import Host
+from .version import version as _version
 from .wire import (
     CLOSED,
     CONFIG,
@@ -16,6 +17,8 @@ from .wire import (
     Message,
     parse_address,
 )
+
+__version__ = _version()
 
 __all__ = [
     "Client", "Host", "Message", "ServerGone", "FrameError", "parse_address", "MAX_BODY",

@@ -1,6 +1,7 @@
 """The test's side: connect, register, exchange messages, close in order."""
 
 import os
+import re
 import select
 import socket
 import threading
@@ -9,9 +10,11 @@ from typing import Optional
 
 from .wire import (
     CONFIG,
-    READ_CHUNK,
     EXIT,
     EXIT_ACK,
+    LAUNCH_TOKEN_ENV,
+    READ_CHUNK,
+    TOKEN_SIZE,
     FrameBuffer,
     FrameError,
     Message,
@@ -24,6 +27,16 @@ from .wire import (
 CLOSE_WAIT_SECONDS = 2.0
 # A write that cannot go on for this long gives up, like the library's.
 WRITE_LIMIT_SECONDS = 30.0
+
+_TOKEN = re.compile("[0-9a-fA-F]{%d}" % TOKEN_SIZE)
+
+
+def launch_token() -> bytes:
+    """The token this process was launched with, as its 9001 carries it after
+    the pid; empty when VEXA_LAUNCH_TOKEN is unset or not 32 hex characters
+    (the server then sees a registration without a token)."""
+    value = os.environ.get(LAUNCH_TOKEN_ENV, "")
+    return value.encode("ascii") if _TOKEN.fullmatch(value) else b""
 
 
 class ServerGone(Exception):
@@ -47,9 +60,9 @@ class Client:
     @classmethod
     def connect(cls, address: str, dev, item: int, timeout: Optional[float] = 3.0) -> "Client":
         """Connects to the host at `address` and registers as (dev, item) with
-        9001 and this process's id. A timeout of None or 0 waits as long as the
-        system does. Raises ValueError for a bad address, OSError when the host
-        cannot be reached."""
+        9001, this process's id and its launch token, if any. A timeout of None
+        or 0 waits as long as the system does. Raises ValueError for a bad
+        address, OSError when the host cannot be reached."""
         host, port = parse_address(address)
         sock = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
         try:
@@ -61,7 +74,7 @@ class Client:
             sock.close()
             raise
         client = cls(sock, dev, item)
-        client.send(CONFIG, pid_body(os.getpid()))
+        client.send(CONFIG, pid_body(os.getpid()) + launch_token())
         return client
 
     def send(self, event: int, body: bytes = b"") -> bool:

@@ -1,10 +1,14 @@
 """The host's side: accept tests, register them, route messages by (dev, item).
 
 The rules are the library server's:
-- a connection counts only once it registers with 9001; messages whose
-  (dev, item) is not registered are dropped, whatever connection they came on;
+- a connection counts only once it registers with 9001; a message, a 9002
+  included, acts only on pairs registered on the connection it arrives on:
+  one for a pair that is not registered, or registered on another connection,
+  is dropped (logged at most once a second per connection);
 - a later registration under the same key replaces the earlier one and closes
   the earlier connection (a connection registering twice thus closes itself);
+- a 9001 of 36 bytes carries a launch token after the pid: this host checks
+  no tokens and strips it, so the host sees the 4-byte pid as ever;
 - 9002 is answered with 9003 and reaches the host as 9005; that connection is
   then closed;
 - a registered connection that breaks before its 9002 reaches the host as 9006,
@@ -27,7 +31,9 @@ from .wire import (
     EXIT,
     EXIT_ACK,
     OFFLINE,
+    PID_SIZE,
     READ_CHUNK,
+    TOKEN_SIZE,
     FrameBuffer,
     FrameError,
     Message,
@@ -40,6 +46,9 @@ from .wire import (
 
 log = logging.getLogger("vexawire.host")
 
+# Drops on one connection are logged at most this often: a flood stays one line.
+DROP_NOTE_SECONDS = 1.0
+
 
 class _Connection:
     def __init__(self, sock: socket.socket) -> None:
@@ -49,6 +58,7 @@ class _Connection:
         self.frames = FrameBuffer()
         self.write_lock = threading.Lock()  # keeps one message's bytes together
         self.closed = False
+        self.last_drop_note = -DROP_NOTE_SECONDS
 
     def write(self, data: bytes) -> bool:
         with self.write_lock:
@@ -136,10 +146,12 @@ class Host:
         data = encode(dev, item, event, check_body(body))
         with self._lock:
             reg = self._table.get(client_key(dev, item))
-        if reg is None:
-            log.warning("send event=%d dev=%s item=%d: no such client", event, dev, item)
-            return False
-        return reg.conn.write(data)
+        return reg is not None and reg.conn.write(data)
+
+    def is_registered(self, dev, item: int) -> bool:
+        """True while a test is registered under the key of (dev, item)."""
+        with self._lock:
+            return client_key(dev, item) in self._table
 
     def clients(self) -> List[Tuple[str, int, int]]:
         """(dev, item, pid) of every registered test, in key order."""
@@ -209,8 +221,10 @@ class Host:
         key = client_key(msg.dev, msg.item)
         ended: List[_Connection] = []
         if msg.event == CONFIG:
+            if len(msg.body) == PID_SIZE + TOKEN_SIZE:
+                msg = msg._replace(body=msg.body[:PID_SIZE])
             # A body under 4 bytes leaves the missing bytes 0, as the library's copy does.
-            pid = struct.unpack("=i", msg.body[:4].ljust(4, b"\0"))[0]
+            pid = struct.unpack("=i", msg.body[:PID_SIZE].ljust(PID_SIZE, b"\0"))[0]
             with self._lock:
                 old = self._table.pop(key, None)
                 self._table[key] = _Registration(msg.dev, msg.item, conn, pid)
@@ -221,8 +235,8 @@ class Host:
                 ended.append(old.conn)
         with self._lock:
             reg = self._table.get(key)
-        if reg is None:
-            pass  # not registered: dropped, as the library does
+        if reg is None or reg.conn is not conn:
+            self._drop(conn, msg)
         elif msg.event == EXIT:
             reg.closing = True
             self.send(msg.dev, msg.item, EXIT_ACK)
@@ -233,6 +247,13 @@ class Host:
             self._events.put(msg)
         for gone in ended:
             self._remove(gone)
+
+    def _drop(self, conn: _Connection, msg: Message) -> None:
+        now = time.monotonic()
+        if now - conn.last_drop_note >= DROP_NOTE_SECONDS:
+            conn.last_drop_note = now
+            log.warning("fd=%d: dropped event=%d for dev=%s item=%d, which this connection has "
+                        "not registered", conn.fd, msg.event, msg.dev, msg.item)
 
     def _broken(self, conn: _Connection) -> None:
         conn.close()

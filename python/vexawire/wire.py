@@ -11,7 +11,8 @@ One message is a 100-byte head followed by the body:
         96     4  body length, 0 to 511999
 
 All integers are big-endian signed 32-bit. The one exception is the body of a
-registration (9001): the sender's process id in the machine's own byte order.
+registration (9001): the sender's process id in the machine's own byte order,
+followed, from a launched test, by its launch token (32 ASCII hex characters).
 """
 
 import socket
@@ -25,7 +26,7 @@ MAX_DEV_BYTES = DEV_FIELD_SIZE - 1
 MAX_DATA_LEN = 512000  # exclusive: the longest body is 511999 bytes
 MAX_BODY = MAX_DATA_LEN - 1
 
-CONFIG = 9001  # test to host: registration, body = pid (native int32)
+CONFIG = 9001  # test to host: registration, body = pid (native int32) [+ launch token]
 EXIT = 9002  # test to server: asks to close (never delivered to the host)
 EXIT_ACK = 9003  # server to test: close granted (never delivered to the test)
 CLOSED = 9005  # to the host: a test closed in order (replaces its 9002)
@@ -42,11 +43,17 @@ EVENT_NAMES = {
     DISCONNECTED: "DISCONNECTED",
 }
 
+# A launched test's 9001 carries its launch token after the pid: 32 ASCII hex
+# characters (128 bits) that the server handed it in VEXA_LAUNCH_TOKEN.
+LAUNCH_TOKEN_ENV = "VEXA_LAUNCH_TOKEN"
+TOKEN_SIZE = 32
+PID_SIZE = 4
+
 # What one read asks the socket for.
 READ_CHUNK = 65536
 
 _HEAD_INTS = struct.Struct(">iiiii")
-_PID = struct.Struct("=i")
+_PID = struct.Struct("=i")  # PID_SIZE bytes
 
 
 class Message(NamedTuple):

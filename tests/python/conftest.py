@@ -1,6 +1,6 @@
-"""Shared fixtures: free loopback addresses, the environment that makes the C
-programs use the test copy of the library (logs in the test's own directory),
-and vexahost run as a child whose output is read line by line."""
+"""Shared fixtures: free loopback addresses, the environment that keeps the C
+programs' logs in the test's own directory, and the tools (vexahost, the
+vexawire zipapp) run as children whose output is read line by line."""
 
 import os
 import re
@@ -36,12 +36,12 @@ def c_env(tmp_path):
     return env
 
 
-class Vexahost:
-    """vexahost with standard output and error merged; a thread collects the
+class LineTool:
+    """A program with standard output and error merged; a thread collects the
     lines in `lines`."""
 
-    def __init__(self, args, env):
-        self.proc = subprocess.Popen([build_path("VEXAHOST")] + args, env=env, text=True,
+    def __init__(self, argv, env):
+        self.proc = subprocess.Popen(argv, env=env, text=True,
                                      stdin=subprocess.PIPE, stdout=subprocess.PIPE,
                                      stderr=subprocess.STDOUT)
         self.lines, self.looked_at = [], 0
@@ -83,13 +83,18 @@ class Vexahost:
 
 
 @pytest.fixture
-def vexahost(c_env):
+def line_tool(c_env):
     started = []
 
-    def start(*args):
-        started.append(Vexahost(list(args), c_env))
+    def start(*argv):
+        started.append(LineTool(list(argv), c_env))
         return started[-1]
 
     yield start
-    for host in started:
-        host.kill()
+    for tool in started:
+        tool.kill()
+
+
+@pytest.fixture
+def vexahost(line_tool):
+    return lambda *args: line_tool(build_path("VEXAHOST"), *args)

@@ -1,7 +1,9 @@
 """tools/wireshark/vexatool.lua under tshark, on a capture written here: one
 stream on the default port with a message split over three segments and
-segments holding several messages, one on another port for the heuristic."""
+segments holding several messages, one on another port for the heuristic,
+where the direction is learned from the library's own events."""
 
+import os
 import shutil
 import struct
 import subprocess
@@ -38,50 +40,73 @@ def write_pcap(path, streams):
             out.write(struct.pack("<IIII", 1700000000, n, len(frame), len(frame)) + frame)
 
 
-def tshark(capture, *options, fields=("dev", "item", "event", "len", "pid", "body")):
-    """One row per dissected frame, or the summary lines when fields=()."""
-    table = ["-T", "fields", "-E", "occurrence=a"] if fields else []
+def tshark(capture, *options, fields=("direction", "event", "len", "pid", "text"), env=None):
+    """One row per dissected frame (its Info column last), or the verbose tree
+    when fields=()."""
+    table = ["-T", "fields", "-E", "occurrence=a"] if fields else ["-V"]
     for field in fields:
         table += ["-e", "vexatool." + field]
-    out = subprocess.run(["tshark", "-n", "-X", "lua_script:" + build_path("VEXA_DISSECTOR"),
-                          "-r", str(capture)] + table + list(options),
-                         check=True, capture_output=True, text=True).stdout
-    return [line.split("\t") if fields else line for line in out.splitlines() if line.strip()]
+    if fields:
+        table += ["-e", "_ws.col.Info", "-Y", "vexatool"]
+    plugin = [] if env else ["-X", "lua_script:" + build_path("VEXA_DISSECTOR")]
+    out = subprocess.run(["tshark", "-n"] + plugin + ["-r", str(capture)] + table + list(options),
+                         check=True, capture_output=True, text=True, env=env).stdout
+    if not fields:
+        return out
+    return [line.split("\t") for line in out.splitlines()]
+
+
+TOKEN = "0123456789abcdef" * 2
 
 
 @pytest.fixture
 def capture(tmp_path):
     if shutil.which("tshark") is None:
         pytest.skip("tshark is not installed")
-    hello = encode("phone", 12, 1000, b"h" * 300)
-    register = encode("phone", 12, 9001, pid_body(4242))
-    server_to_test = encode("phone", 12, 2000, b"ping") + encode("phone", 12, 9003)
-    other = encode("so-test", 2, 9001, pid_body(7)) + encode("so-test", 2, 9002)
+    hello = encode("phone", 12, 1000, b"h" * 300, now=1700000000.25)
+    register = encode("phone", 12, 9001, pid_body(4242) + TOKEN.encode())
+    server_to_test = encode("phone", 12, 2000, b"ping\0") + encode("phone", 12, 9003)
     path = tmp_path / "vexatool.pcap"
     write_pcap(path, [
         (40000, 6000, [(True, register + hello[:40]), (True, hello[40:150]),
                        (True, hello[150:]), (False, server_to_test)]),
-        (40001, OTHER_PORT, [(True, other)]),
+        (40001, OTHER_PORT, [(False, encode("so-test", 2, 2001, b"\1\2bin")),
+                             (True, encode("so-test", 2, 9002)),
+                             (False, encode("so-test", 2, 9003))]),
     ])
     return path
 
 
-def test_dissects_split_and_combined_messages(capture):
-    rows = tshark(capture)
+def test_dissects_split_and_combined_messages_with_direction_text_and_time(capture):
+    # Two passes: a frame's direction must not change once the stream is known.
+    rows = tshark(capture, "-2", fields=("direction", "event", "len", "pid", "text", "time"))
     assert [r[:5] for r in rows] == [
-        ["phone", "12", "9001", "4", "4242"],
-        ["phone", "12", "1000", "300", ""],
-        ["phone,phone", "12,12", "2000,9003", "4,0", ""],
-        ["so-test,so-test", "2,2", "9001,9002", "4,0", "7"],
+        ["to host", "9001", "36", "4242", ""],
+        ["to host", "1000", "300", "", "h" * 300],
+        ["to test,to test", "2000,9003", "5,0", "", "ping"],
+        ["", "2001", "5", "", ""],  # before the stream's first library event
+        ["to host", "9002", "0", "", ""],
+        ["to test", "9003", "0", "", ""],
     ]
-    assert rows[1][5].replace(":", "") == "68" * 300
-    summary = "\n".join(tshark(capture, fields=()))
-    assert "VEXATOOL: CONFIG(9001) dev=phone item=12 len=4" in summary
-    assert "2000 dev=phone item=12 len=4; EXIT_ACK(9003) dev=phone item=12 len=0" in summary
+    assert rows[1][5] == "Nov 14, 2023 22:13:20.250000000 UTC"
+    assert [r[-1] for r in rows[:4]] == [
+        "VEXATOOL: to host dev=phone item=12 event=CONFIG(9001) len=36 pid=4242 with launch token",
+        'VEXATOOL: to host dev=phone item=12 event=1000 len=300 "%s"...' % ("h" * 40),
+        'VEXATOOL: to test dev=phone item=12 event=2000 len=5 "ping."; '
+        "to test dev=phone item=12 event=EXIT_ACK(9003) len=0",
+        'VEXATOOL: dev=so-test item=2 event=2001 len=5 "..bin"']
+    tree = tshark(capture, "-O", "vexatool", fields=())
+    assert "Event: 9001 (CONFIG)" in tree and "Event: 2000\n" in tree and "Unknown" not in tree
+    assert "Launch token: present" in tree and TOKEN not in tree
 
 
-def test_port_preference_without_the_heuristic(capture):
+def test_port_preference_and_the_personal_plugins_folder(capture, tmp_path):
     off = ["--disable-heuristic", "vexatool_tcp"]
-    assert [r[2] for r in tshark(capture, *off)] == ["9001", "1000", "2000,9003"]
-    moved = tshark(capture, "-o", "vexatool.port:%d" % OTHER_PORT, *off)
-    assert [r[2] for r in moved] == ["9001,9002"]
+    assert [r[1] for r in tshark(capture, *off)] == ["9001", "1000", "2000,9003"]
+    # The folder the README names, as tshark -G folders shows it.
+    plugins = tmp_path / "home/.local/lib/wireshark/plugins"
+    plugins.mkdir(parents=True)
+    shutil.copy(build_path("VEXA_DISSECTOR"), plugins)
+    env = dict(os.environ, HOME=str(tmp_path / "home"))
+    moved = tshark(capture, "-o", "vexatool.port:%d" % OTHER_PORT, *off, env=env)
+    assert [r[:2] for r in moved] == [["to test", "2001"], ["to host", "9002"], ["to test", "9003"]]
