@@ -3,7 +3,8 @@
 #   libvexatool64       the shared library (in /usr/lib/<multiarch>)
 #   libvexatool64-dev   the header, the CMake package, the pkg-config file and
 #                       the section 3 and 7 manual pages
-#   vexahost            the host tool and its manual page
+#   vexahost            the host tool, the Python peer's zipapp (vexawire) and
+#                       their manual pages
 # each with its machine-readable copyright file in /usr/share/doc/<package>/.
 #
 # The library keeps its unversioned name libvexatool64.so (no SONAME version),
@@ -46,8 +47,10 @@ set(CPACK_DEBIAN_TOOL_PACKAGE_NAME vexahost)
 set(CPACK_DEBIAN_TOOL_PACKAGE_SECTION devel)
 set(CPACK_DEBIAN_TOOL_PACKAGE_DEPENDS
     "${vexa_runtime_package} (= ${PROJECT_VERSION}), libc6, libgcc-s1, libstdc++6")
+# vexawire is a Python zipapp: it needs a python3 of 3.9 or later to run.
+set(CPACK_DEBIAN_TOOL_PACKAGE_RECOMMENDS "python3 (>= 3.9)")
 set(CPACK_DEBIAN_TOOL_DESCRIPTION
-    "host for test programs run from a shell\n Launches tests, prints their events and sends what is typed.")
+    "host for test programs run from a shell\n vexahost launches tests, prints their events and sends what is typed;\n vexawire is the same wire spoken from Python (host, send, listen).")
 
 # Each package's copyright file; a plain install has LICENSE in its docdir.
 foreach(component runtime dev tool)

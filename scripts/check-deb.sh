@@ -62,6 +62,8 @@ assert [p.license.synopsis for p in c.all_files_paragraphs()] == ["Apache-2.0"]'
     [ "$got" = "$soname" ] || fail "SONAME $got, expected $soname"
     [ -f "$usr/include/vexatool.h" ] || fail "no header in libvexatool64-dev"
     [ -x "$usr/bin/vexahost" ] || fail "no vexahost in vexahost"
+    [ "$("$usr/bin/vexawire" --version)" = "vexawire $(dpkg-deb --field "$build/vexahost_"*.deb Version)" ] ||
+        fail "the packaged vexawire does not run or has another version"
     [ -f "$usr/share/man/man3/ipc_send_command.3" ] && [ -f "$usr/share/man/man7/vexatool.7" ] ||
         fail "no manual pages in libvexatool64-dev"
 

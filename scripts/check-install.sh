@@ -59,7 +59,7 @@ version=${tool#vexahost }
 # Every page and link renders from the prefix's man directory.
 mandir=$(dirname "$(find "$prefix" -path '*/man1/vexahost.1' | head -n 1)")
 [ "$mandir" != . ] || fail "no manual pages installed (is scdoc missing from the build?)"
-for page in vexahost.1 vexatool.7 $(grep -o 'ipc_[a-z0-9_]*;' "$root/src/api/vexatool.map" | tr -d ';'); do
+for page in vexahost.1 vexawire.1 vexatool.7 $(grep -o 'ipc_[a-z0-9_]*;' "$root/src/api/vexatool.map" | tr -d ';'); do
     name=${page%.[0-9]}
     MANPATH=$(dirname "$mandir") man -P cat "$name" 2>/dev/null | grep -q "$name" ||
         fail "man $name does not render from the installed tree"
