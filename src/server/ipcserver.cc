@@ -197,13 +197,13 @@ bool IPCServer::processOnce() {
         serviceLingering(now);
         expireStalled(now);
     }
-    // A connection with a whole message already here is ready without waiting.
-    // Otherwise the loop sleeps until a socket (or stop) wakes it, and looks
-    // again every few milliseconds only while something needs watching that
-    // no socket announces: children to reap, answers to finish, messages
-    // that are late to complete.
+    // A connection with a whole message already here is ready without waiting,
+    // and so are removals a pass had no time for. Otherwise the loop sleeps until a socket (or
+    // stop) wakes it, and looks again every few milliseconds only while something needs watching
+    // that no socket announces: children to reap, answers to finish, messages that are late to
+    // complete.
     int waitMs = m_kickFd >= 0 ? idleWaitMs() : kLoopWaitMs;
-    if (m_schedule.readyWithoutWaiting()) {
+    if (m_schedule.readyWithoutWaiting() || !m_removeList.empty()) {
         waitMs = 0;
     } else if (m_launcher.hasChildren() || !m_lingering.empty() || m_schedule.hasStalled()) {
         waitMs = kLoopWaitMs;
@@ -216,7 +216,7 @@ bool IPCServer::processOnce() {
     const int events =
         epoll_wait(m_epoll, m_events.data(), static_cast<int>(m_events.size()), waitMs);
     if (events <= 0 && !m_schedule.readyWithoutWaiting()) {
-        removeConnections();  // given up by serviceLingering or expireStalled
+        removeConnections();  // given up by serviceLingering or expireStalled, or left over
         m_removed.clear();
         return true;
     }
