@@ -5,6 +5,7 @@ import json
 import os
 import pty
 import re
+import select
 import socket
 import subprocess
 import time
@@ -110,12 +111,17 @@ def test_timeout_kills_a_silent_test_and_the_terminal_sees_progress(c_env, addre
                              "-a", address, hangs], env=c_env, stdin=subprocess.DEVNULL,
                             stdout=subprocess.DEVNULL, stderr=slave)
     os.close(slave)
-    err = b""
-    try:
-        while True:
-            err += os.read(master, 4096)
-    except OSError:  # the terminal's other side closed
-        pass
+    err, end = b"", time.monotonic() + LIMIT
+    # Until the tool has ended and all it wrote is read: EIO once nobody holds
+    # the terminal, but a test left alive would hold it.
+    while time.monotonic() < end:
+        if select.select([master], [], [], 0.1)[0]:
+            try:
+                err += os.read(master, 4096)
+            except OSError:
+                break
+        elif tool.poll() is not None:
+            break
     os.close(master)
     assert tool.wait(LIMIT) == 4
     text = err.decode()
@@ -126,7 +132,7 @@ def test_timeout_kills_a_silent_test_and_the_terminal_sees_progress(c_env, addre
     assert failure.get("message") == "timed out after 1 s; never registered"
     # The test's process was killed (and reaped by the tool's wrapper).
     stat = "/proc/%d/stat" % int(pid_file.read_text())
-    end = time.monotonic() + LIMIT
+    end = time.monotonic() + 5
     while os.path.exists(stat) and ") Z " not in open(stat).read() and time.monotonic() < end:
         time.sleep(0.05)
     assert not os.path.exists(stat) or ") Z " in open(stat).read()
