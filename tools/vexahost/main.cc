@@ -248,7 +248,7 @@ int main(int argc, char** argv) {
         status = kExitNoReport;
     }
     char summary[96];
-    std::snprintf(summary, sizeof(summary), "vexahost: %zu passed, %zu failed in %.1f s\n",
+    std::snprintf(summary, sizeof(summary), "vexahost: %zu passed, %zu failed in %.2f s\n",
                   verdict.passed, verdict.failed, seconds);
     console.err(summary);
     return status;
