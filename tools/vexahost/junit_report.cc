@@ -56,16 +56,18 @@ bool write_junit_report(const std::string& path, const Verdict& verdict, time_t 
     std::fprintf(out, "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n");
     std::fprintf(out,
                  "<testsuite name=\"vexahost\" tests=\"%zu\" failures=\"%zu\" errors=\"0\" "
-                 "time=\"%.3f\" timestamp=\"%s\" hostname=\"%s\">\n",
-                 verdict.cases.size(), verdict.failed, seconds, timestamp,
+                 "skipped=\"%zu\" time=\"%.3f\" timestamp=\"%s\" hostname=\"%s\">\n",
+                 verdict.cases.size(), verdict.failed, verdict.skipped, seconds, timestamp,
                  xml_text(host_name()).c_str());
     for (const TestCase& tc : verdict.cases) {
         std::fprintf(out, "  <testcase classname=\"vexahost\" name=\"%s\" time=\"%.3f\">\n",
                      xml_text(tc.name).c_str(), tc.seconds);
+        const std::string reason = xml_text(tc.reason);
         if (tc.outcome == Outcome::kFailed) {
-            const std::string reason = xml_text(tc.failure);
             std::fprintf(out, "    <failure message=\"%s\">%s</failure>\n", reason.c_str(),
                          reason.c_str());
+        } else if (tc.outcome == Outcome::kSkipped) {
+            std::fprintf(out, "    <skipped message=\"%s\"/>\n", reason.c_str());
         }
         if (!tc.output.empty())
             std::fprintf(out, "    <system-out>%s</system-out>\n", xml_text(tc.output).c_str());

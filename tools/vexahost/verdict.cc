@@ -17,8 +17,8 @@ double seconds_between(Clock::time_point from, Clock::time_point to) {
     return std::chrono::duration<double>(to - from).count();
 }
 
-void add_reason(std::string& failure, const std::string& reason) {
-    failure += (failure.empty() ? "" : "; ") + reason;
+void add_reason(std::string& reasons, const std::string& reason) {
+    reasons += (reasons.empty() ? "" : "; ") + reason;
 }
 
 // How the program ended, or "" when that is not known.
@@ -42,11 +42,11 @@ void judge_registrations(TestCase& tc, const std::vector<Registration>& regs,
         const TestState& state = reg->second;
         // A test that timed out goes offline when the tool ends it.
         if (state.offline && !state.timedOut) {
-            add_reason(tc.failure, pair_label(reg->first.dev, reg->first.item) +
-                                       " went offline (9006) without closing");
+            add_reason(tc.reason, pair_label(reg->first.dev, reg->first.item) +
+                                      " went offline (9006) without closing");
         } else if (!state.closed && !state.timedOut && final) {
-            add_reason(tc.failure, pair_label(reg->first.dev, reg->first.item) +
-                                       " was still registered when the host stopped");
+            add_reason(tc.reason, pair_label(reg->first.dev, reg->first.item) +
+                                      " was still registered when the host stopped");
         }
         last = std::max(last, state.closed ? state.endedAt : now);
         auto log = session.events.find(reg->first);
@@ -65,7 +65,9 @@ bool all_closed(const std::vector<Registration>& regs) {
 }
 
 void count(Verdict& verdict, TestCase tc, bool final, bool done) {
-    if (!tc.failure.empty()) {
+    if (tc.outcome == Outcome::kSkipped) {
+        verdict.skipped += final ? 1 : 0;
+    } else if (!tc.reason.empty()) {
         tc.outcome = Outcome::kFailed;
         ++verdict.failed;
     } else if (final || done) {
@@ -105,16 +107,16 @@ Verdict judge_session(const SessionRecord& session, bool final) {
             tc.name += " -d " + launch.dValue;
 
         if (launch.timedOut)
-            add_reason(tc.failure, timeout_reason(session.timeoutSeconds, launch.endNote));
+            add_reason(tc.reason, timeout_reason(session.timeoutSeconds, launch.endNote));
         if (launch.startError == 0 && regs.empty() && (final || launch.exited))
-            add_reason(tc.failure, "never registered");
+            add_reason(tc.reason, "never registered");
         Clock::time_point last = launch.startedAt;
         judge_registrations(tc, regs, session, final, now, last);
         const std::string ended = exit_text(launch);
         // The tool's own kill of a test that timed out is no news.
         bool exitFailed = !ended.empty() && ended != "exited with status 0" && !launch.timedOut;
         if (exitFailed || launch.startError != 0)
-            add_reason(tc.failure, ended);
+            add_reason(tc.reason, ended);
         if (!ended.empty())
             tc.output += "program " + ended + "\n";
         if (launch.exited) {
@@ -134,8 +136,10 @@ Verdict judge_session(const SessionRecord& session, bool final) {
             continue;
         TestCase tc;
         tc.name = pair_label(reg->first.dev, reg->first.item);
+        tc.outcome = Outcome::kSkipped;
+        add_reason(tc.reason, "registered without a launch of this run");
         if (reg->second.timedOut)
-            add_reason(tc.failure, timeout_reason(session.timeoutSeconds, ""));
+            add_reason(tc.reason, timeout_reason(session.timeoutSeconds, ""));
         Clock::time_point last = reg->second.registeredAt;
         judge_registrations(tc, {reg}, session, final, now, last);
         tc.seconds = seconds_between(reg->second.registeredAt, last);

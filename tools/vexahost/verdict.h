@@ -1,12 +1,13 @@
 // Which tests passed and why the others failed: one verdict that the exit
 // status, the summary, the status line and the JUnit report all read.
 //
-// Each launch is one test case; a pair that registered but belongs to no
-// launch is one of its own. A test passes when what it registered closed in
-// order (9005) and its program, where its exit is known, exited with status 0.
-// It fails when it could not be started, never registered, went offline
-// (9006), timed out, was still registered when the tool stopped, or exited
-// otherwise.
+// Each launch is one test case. A test passes when what it registered closed
+// in order (9005) and its program, where its exit is known, exited with
+// status 0. It fails when it could not be started, never registered, went
+// offline (9006), timed out, was still registered when the tool stopped, or
+// exited otherwise. A pair that registered but belongs to no launch (a client
+// started by hand, say) is no test of this run: it gets a case of its own,
+// skipped, that tells what became of it.
 #ifndef VEXAHOST_VERDICT_H
 #define VEXAHOST_VERDICT_H
 
@@ -18,12 +19,12 @@
 
 namespace vexahost {
 
-enum class Outcome { kRunning, kPassed, kFailed };
+enum class Outcome { kRunning, kPassed, kFailed, kSkipped };
 
 struct TestCase {
     std::string name;  // the program as given and its pairs ("PATH dev=D item=N")
     Outcome outcome = Outcome::kRunning;
-    std::string failure;  // the reasons, "; " between them
+    std::string reason;  // why it failed, or what became of a skipped pair ("; " between)
     double seconds = 0;
     std::string output;  // its event lines and how its program ended
 };
@@ -32,6 +33,7 @@ struct Verdict {
     std::vector<TestCase> cases;
     size_t passed = 0;
     size_t failed = 0;
+    size_t skipped = 0;
 };
 
 // With `final` the run is over and a test still running fails; without it
