@@ -85,6 +85,65 @@ std::string timeout_reason(double seconds, const std::string& note) {
     return text + (note.empty() ? "" : " (" + note + ")");
 }
 
+namespace {
+
+TestCase judge_launch(const SessionRecord& session, size_t index,
+                      const std::vector<Registration>& inOrder, bool final, Clock::time_point now,
+                      bool& done) {
+    const LaunchRecord& launch = session.launches[index];
+    std::vector<Registration> regs;
+    std::copy_if(inOrder.begin(), inOrder.end(), std::back_inserter(regs),
+                 [index](Registration reg) { return reg->second.launch == index; });
+    TestCase tc;
+    tc.name = launch.path;
+    for (size_t r = 0; r < regs.size(); ++r)
+        tc.name += (r == 0 ? " " : ", ") + pair_label(regs[r]->first.dev, regs[r]->first.item);
+    if (regs.empty() && !launch.dValue.empty())
+        tc.name += " -d " + launch.dValue;
+
+    if (launch.timedOut)
+        add_reason(tc.reason, timeout_reason(session.timeoutSeconds, launch.endNote));
+    if (launch.startError == 0 && regs.empty() && final)
+        add_reason(tc.reason, "never registered");
+    Clock::time_point last = launch.startedAt;
+    judge_registrations(tc, regs, session, final, now, last);
+    const std::string ended = exit_text(launch);
+    const bool exitedCleanly =
+        launch.exited && WIFEXITED(launch.waitStatus) && WEXITSTATUS(launch.waitStatus) == 0;
+    // The tool's own kill of a test that timed out is no news.
+    if (launch.startError != 0 || (launch.exited && !exitedCleanly && !launch.timedOut))
+        add_reason(tc.reason, ended);
+    if (!ended.empty())
+        tc.output += "program " + ended + "\n";
+    if (launch.exited) {
+        last = std::max(last, launch.exitedAt);
+    } else if (regs.empty()) {
+        last = now;
+    }
+    if (launch.timedOut)
+        last = std::min(last, launch.startedAt + session.timeLimit);
+    tc.seconds = seconds_between(launch.startedAt, last);
+    done = all_closed(regs) && (!launch.reportsExit || launch.exited);
+    return tc;
+}
+
+// A pair no launch owns.
+TestCase judge_stray(const SessionRecord& session, Registration reg, bool final,
+                     Clock::time_point now) {
+    TestCase tc;
+    tc.name = pair_label(reg->first.dev, reg->first.item);
+    tc.outcome = Outcome::kSkipped;
+    add_reason(tc.reason, "registered without a launch of this run");
+    if (reg->second.timedOut)
+        add_reason(tc.reason, timeout_reason(session.timeoutSeconds, ""));
+    Clock::time_point last = reg->second.registeredAt;
+    judge_registrations(tc, {reg}, session, final, now, last);
+    tc.seconds = seconds_between(reg->second.registeredAt, last);
+    return tc;
+}
+
+}  // namespace
+
 Verdict judge_session(const SessionRecord& session, bool final) {
     std::vector<Registration> inOrder;
     for (const auto& entry : session.tests)
@@ -93,57 +152,14 @@ Verdict judge_session(const SessionRecord& session, bool final) {
               [](Registration a, Registration b) { return a->second.order < b->second.order; });
     const Clock::time_point now = Clock::now();
     Verdict verdict;
-
     for (size_t i = 0; i < session.launches.size(); ++i) {
-        const LaunchRecord& launch = session.launches[i];
-        std::vector<Registration> regs;
-        std::copy_if(inOrder.begin(), inOrder.end(), std::back_inserter(regs),
-                     [i](Registration reg) { return reg->second.launch == i; });
-        TestCase tc;
-        tc.name = launch.path;
-        for (size_t r = 0; r < regs.size(); ++r)
-            tc.name += (r == 0 ? " " : ", ") + pair_label(regs[r]->first.dev, regs[r]->first.item);
-        if (regs.empty() && !launch.dValue.empty())
-            tc.name += " -d " + launch.dValue;
-
-        if (launch.timedOut)
-            add_reason(tc.reason, timeout_reason(session.timeoutSeconds, launch.endNote));
-        if (launch.startError == 0 && regs.empty() && (final || launch.exited))
-            add_reason(tc.reason, "never registered");
-        Clock::time_point last = launch.startedAt;
-        judge_registrations(tc, regs, session, final, now, last);
-        const std::string ended = exit_text(launch);
-        // The tool's own kill of a test that timed out is no news.
-        bool exitFailed = !ended.empty() && ended != "exited with status 0" && !launch.timedOut;
-        if (exitFailed || launch.startError != 0)
-            add_reason(tc.reason, ended);
-        if (!ended.empty())
-            tc.output += "program " + ended + "\n";
-        if (launch.exited) {
-            last = std::max(last, launch.exitedAt);
-        } else if (regs.empty()) {
-            last = now;
-        }
-        if (launch.timedOut) {
-            last = std::min(last, launch.startedAt + session.timeLimit);
-        }
-        tc.seconds = seconds_between(launch.startedAt, last);
-        count(verdict, std::move(tc), final,
-              all_closed(regs) && (!launch.reportsExit || launch.exited));
+        bool done = false;
+        TestCase tc = judge_launch(session, i, inOrder, final, now, done);
+        count(verdict, std::move(tc), final, done);
     }
     for (Registration reg : inOrder) {
-        if (reg->second.launch != kNoLaunch)
-            continue;
-        TestCase tc;
-        tc.name = pair_label(reg->first.dev, reg->first.item);
-        tc.outcome = Outcome::kSkipped;
-        add_reason(tc.reason, "registered without a launch of this run");
-        if (reg->second.timedOut)
-            add_reason(tc.reason, timeout_reason(session.timeoutSeconds, ""));
-        Clock::time_point last = reg->second.registeredAt;
-        judge_registrations(tc, {reg}, session, final, now, last);
-        tc.seconds = seconds_between(reg->second.registeredAt, last);
-        count(verdict, std::move(tc), final, all_closed({reg}));
+        if (reg->second.launch == kNoLaunch)
+            count(verdict, judge_stray(session, reg, final, now), final, false);
     }
     return verdict;
 }
