@@ -9,10 +9,11 @@
 # --junit-xml report.xml for a JUnit report of the two tests.
 # PORT is 6000 when that is free, otherwise any free loopback port. Each test
 # registers, says hello, echoes the host's ping, says bye on the host's leave
-# and closes; the tool then exits 0.
+# and closes; the tool then prints "2 passed, 0 failed" and exits 0.
 #
-# The library logs into the device directory /mnt/sdcard/vexa/ unless
-# VEXA_LOG_DIR names another: the demo's logs land in build/demo-logs/.
+# The library logs into the device directory /mnt/sdcard/vexa/ unless told
+# otherwise: --log-dir build/demo-logs/ puts the logs of the tool's server and
+# of both tests there, and the script shows what each says of the exchange.
 set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 source "$root/scripts/ensure-packages.sh"
@@ -46,9 +47,14 @@ PY
 
 program="$build/examples/vexa_example_test"
 library="$build/examples/libvexa_example_test_so.so"
-echo "== vexahost --demo $* -a tcp://:$port $program $library"
 logs="$build/demo-logs/"
 rm -rf "$logs"
-VEXA_LOG_DIR="$logs" \
-    timeout 60 "$build/tools/vexahost" --demo "$@" -a "tcp://:$port" "$program" "$library" </dev/null
-echo "== both tests closed; endpoint logs: $(cd "$logs" && ls | tr '\n' ' ')(in $logs)"
+echo "== vexahost --demo --log-dir $logs $* -a tcp://:$port $program $library"
+timeout 60 "$build/tools/vexahost" --demo --log-dir "$logs" "$@" -a "tcp://:$port" \
+    "$program" "$library" </dev/null
+# Each log's lines about the conversation: listening, launching, connecting,
+# registering and closing.
+for log in "$logs"*.log; do
+    echo "== $log ($(wc -l <"$log") lines):"
+    grep -E 'bind |run_test |load library|connect [0-9]|CLIENT_IPC_CONFIG|client close|test_id=9003' "$log"
+done

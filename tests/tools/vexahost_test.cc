@@ -67,19 +67,25 @@ class VexahostTest : public ::testing::Test {
     const std::string m_address = "tcp://:" + std::to_string(m_port);
 };
 
-// The demo with both examples, a device string and extra arguments for both:
-// the whole exchange, in order, for each item, and both closed.
+// The demo with both examples, each with its own device string, extra
+// arguments for both and the logs under --log-dir: the whole exchange, in
+// order, for each item, both closed, and a run that passes.
 TEST_F(VexahostTest, DemoRunsTheWholeExchangeWithBothExamples) {
-    auto host = startHost({"--demo", "-a", m_address, "-d", "unit7", "-x", "--verbose -q 3",
-                           EXAMPLE_TEST_PATH, EXAMPLE_TEST_SO_PATH});
+    const std::string logs = m_dir.file("tool-logs/");
+    auto host = startHost({"--demo", "-a", m_address, "--log-dir", logs, "-x", "--verbose -q 3",
+                           "-d", "unit7", EXAMPLE_TEST_PATH, "-d", "unit8", EXAMPLE_TEST_SO_PATH});
     ASSERT_EQ(host->wait(), 0) << host->out() << host->err();
     const std::string out = host->out();
     EXPECT_EQ(count_of(out, "event=CONFIG(9001) len=4 pid="), 2u) << out;
-    EXPECT_EQ(count_of(out, "event=1000 len=16 \"hello from unit7\""), 2u) << out;
     EXPECT_EQ(count_of(out, "event=CLOSED(9005)"), 2u) << out;
     EXPECT_EQ(count_of(out, "OFFLINE"), 0u) << out;
-    for (const char* item : {"1", "2"}) {
-        const std::string at = std::string(" dev=unit7 item=") + item + " event=";
+    for (const auto& pair : {std::make_pair("unit7", "1"), std::make_pair("unit8", "2")}) {
+        const std::string at =
+            std::string(" dev=") + pair.first + " item=" + pair.second + " event=";
+        // The greeting comes from the test's main thread, in no fixed place.
+        EXPECT_NE(out.find("recv" + at + "1000 len=16 \"hello from " + pair.first + "\""),
+                  std::string::npos)
+            << out;
         size_t last = 0;
         for (const std::string& step :
              {"recv" + at + "CONFIG(9001) len=4 pid=",
@@ -91,10 +97,16 @@ TEST_F(VexahostTest, DemoRunsTheWholeExchangeWithBothExamples) {
             last = found == std::string::npos ? last : found;
         }
     }
-    EXPECT_TRUE(vexa_test::file_exists(m_dir.file("logs/ipc_client_unit7.log")));
-    EXPECT_TRUE(
-        vexa_test::file_exists(m_dir.file("logs/ipc_server_" + std::to_string(m_port) + ".log")));
-    EXPECT_NE(host->err().find("stopping (all tests closed)"), std::string::npos) << host->err();
+    // Both were started by the tool (the library runs in its own process).
+    EXPECT_EQ(count_of(out, " launched\n"), 2u) << out;
+    // --log-dir reaches the server and the program it launched.
+    EXPECT_TRUE(vexa_test::file_exists(logs + "ipc_client_unit7.log"));
+    EXPECT_TRUE(vexa_test::file_exists(logs + "ipc_server_" + std::to_string(m_port) + ".log"));
+    const std::string err = host->err();
+    EXPECT_NE(err.find("stopping (all tests ended)"), std::string::npos) << err;
+    EXPECT_NE(err.find("vexahost: 2 passed, 0 failed in "), std::string::npos) << err;
+    // Not a terminal: no status line.
+    EXPECT_EQ(err.find('\r'), std::string::npos) << err;
 }
 
 TEST_F(VexahostTest, CommandsFromInputDriveATest) {
@@ -111,44 +123,62 @@ TEST_F(VexahostTest, CommandsFromInputDriveATest) {
     host->type("send example 1 2000 x\t" + std::string(48, 'x') + "\n");
     ASSERT_TRUE(host->waitForOutput("event=2001 len=50 \"x." + std::string(38, 'x') + "\"...\n"))
         << host->out();
-    host->type("send example 1 2099\n");
+    // A pair that is not registered gets nothing, and the user hears so.
+    host->type("send example 9 2000 lost\nsend example 1 2099\n");
     EXPECT_EQ(host->wait(), 0) << host->out() << host->err();
     EXPECT_NE(host->out().find("recv dev=example item=1 event=CLOSED(9005)"), std::string::npos);
     const std::string err = host->err();
     EXPECT_NE(err.find("unknown command \"bogus\""), std::string::npos) << err;
     EXPECT_NE(err.find("usage: send DEV ITEM EVENT"), std::string::npos) << err;
+    EXPECT_NE(err.find("nothing sent: dev=example item=9 is not registered"), std::string::npos);
+    EXPECT_EQ(host->out().find("item=9"), std::string::npos) << host->out();
 }
 
+// Stopping with nothing launched passes; stopping while a test is still
+// registered fails it (exit status 4).
 TEST_F(VexahostTest, StopsOnEndOfInputQuitAndSigterm) {
     auto idle = startHost({"-a", m_address});
     EXPECT_EQ(idle->wait(), 0) << idle->err();
     EXPECT_NE(idle->err().find("stopping (end of input)"), std::string::npos) << idle->err();
+    EXPECT_NE(idle->err().find("vexahost: 0 passed, 0 failed in "), std::string::npos);
     // A test that is never told to leave keeps the tool running until quit.
     auto quit = startHost({"-a", m_address, EXAMPLE_TEST_PATH}, true);
     ASSERT_TRUE(quit->waitForOutput("event=CONFIG(9001)")) << quit->err();
     quit->type("quit\n");
-    EXPECT_EQ(quit->wait(), 0) << quit->err();
+    EXPECT_EQ(quit->wait(), 4) << quit->err();
     auto term = startHost({"-a", m_address, EXAMPLE_TEST_PATH});
     ASSERT_TRUE(term->waitForOutput("event=CONFIG(9001)")) << term->err();
     term->signal(SIGTERM);
-    EXPECT_EQ(term->wait(), 0) << term->err();
+    EXPECT_EQ(term->wait(), 4) << term->err();
     EXPECT_NE(term->err().find("stopping (terminated)"), std::string::npos) << term->err();
+    EXPECT_NE(term->err().find("vexahost: 0 passed, 1 failed in "), std::string::npos);
 }
 
 TEST_F(VexahostTest, RefusesWhatItCannotRun) {
     {
-        // The port is taken: the server cannot listen.
+        // The port is taken: the server cannot listen, and its log says why.
         vexa_test::Listener taken;
-        const std::string address = "tcp://:" + std::to_string(taken.port());
-        auto host = startHost({"-a", address});
+        const std::string port = std::to_string(taken.port());
+        auto host = startHost({"-a", "tcp://:" + port, "--log-dir", m_dir.file("taken")});
         EXPECT_EQ(host->wait(), 1);
-        EXPECT_NE(host->err().find("cannot start a server on " + address), std::string::npos)
+        EXPECT_NE(host->err().find("cannot start a server on tcp://:" + port +
+                                   ": bind error=Address already in use"),
+                  std::string::npos)
+            << host->err();
+        EXPECT_NE(host->err().find(m_dir.file("taken/ipc_server_" + port + ".log")),
+                  std::string::npos)
             << host->err();
     }
-    EXPECT_EQ(startHost({"-a", "nonsense"})->wait(), 1);
+    auto nonsense = startHost({"-a", "nonsense"});
+    EXPECT_EQ(nonsense->wait(), 1);
+    EXPECT_NE(nonsense->err().find("serv_path invalid nonsense"), std::string::npos);
     auto missing = startHost({"-a", m_address, m_dir.file("missing_test")});
     EXPECT_EQ(missing->wait(), 2);
     EXPECT_NE(missing->err().find("no such test"), std::string::npos) << missing->err();
+    auto lateD = startHost({"-a", m_address, EXAMPLE_TEST_PATH, "-d", "unit7"});
+    EXPECT_EQ(lateD->wait(), 2);
+    EXPECT_NE(lateD->err().find("-d after the last TEST"), std::string::npos) << lateD->err();
+    EXPECT_EQ(startHost({"--timeout", "0", "-a", m_address})->wait(), 2);
     // The example program itself fails without a host.
     std::vector<std::string> argv = m_emulator;
     argv.insert(argv.end(), {EXAMPLE_TEST_PATH, "-t", m_address});

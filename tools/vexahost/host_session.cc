@@ -1,156 +1,29 @@
-// Host state, event lines and typed commands of vexahost.
+// Host state, event lines and time limits of vexahost.
 #include "host_session.h"
 
-#include <sys/time.h>
+#include <signal.h>
+#include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <ctime>
 
+#include "process_tree.h"
+#include "verdict.h"
 #include "vexatool.h"
 
 namespace vexahost {
 
 namespace {
 
-constexpr size_t kPreviewChars = 40;
-
-std::string local_time_ms() {
-    timeval tv{};
-    gettimeofday(&tv, nullptr);
-    time_t secs = tv.tv_sec;
-    tm local{};
-    localtime_r(&secs, &local);
-    char hms[16];
-    std::strftime(hms, sizeof(hms), "%H:%M:%S", &local);
-    char out[32];
-    std::snprintf(out, sizeof(out), "%s.%03d", hms, static_cast<int>(tv.tv_usec / 1000));
-    return out;
-}
-
-std::string printable(const char* data, size_t len) {
-    std::string out;
-    out.reserve(len);
-    for (size_t i = 0; i < len; ++i) {
-        unsigned char ch = static_cast<unsigned char>(data[i]);
-        out += (ch >= 0x20 && ch < 0x7f) ? static_cast<char>(ch) : '.';
-    }
-    return out;
-}
-
-// The name of one of the library's own events, null for any other code.
-const char* library_event_name(int32_t event) {
-    switch (event) {
-        case CLIENT_IPC_CONFIG:
-            return "CONFIG";
-        case CLIENT_IPC_CLOSED:
-            return "CLOSED";
-        case CLIENT_IPC_OFFLINE:
-            return "OFFLINE";
-        default:
-            return nullptr;
-    }
-}
-
-// "CONFIG(9001)" for the library's own events, the bare code for others.
-std::string event_name(int32_t event) {
-    const char* name = library_event_name(event);
-    const std::string code = std::to_string(event);
-    return name != nullptr ? name + ("(" + code + ")") : code;
-}
-
-// A 9001's body: the test's pid, when it holds one.
-bool registration_pid(int32_t event, const char* data, int32_t len, int32_t& pid) {
-    if (event != CLIENT_IPC_CONFIG || data == nullptr || len < 4)
-        return false;
-    std::memcpy(&pid, data, sizeof(pid));
-    return true;
-}
-
-// Each byte becomes one character, U+0000 to U+00FF, so any body survives.
-std::string json_string(const char* data, size_t len) {
-    std::string out = "\"";
-    for (size_t i = 0; i < len; ++i) {
-        unsigned char ch = static_cast<unsigned char>(data[i]);
-        if (ch == '"' || ch == '\\') {
-            out += '\\';
-            out += static_cast<char>(ch);
-        } else if (ch >= 0x20 && ch < 0x7f) {
-            out += static_cast<char>(ch);
-        } else {
-            char escaped[8];
-            std::snprintf(escaped, sizeof(escaped), "\\u%04x", ch);
-            out += escaped;
-        }
-    }
-    return out + "\"";
-}
-
-// One JSON object on one line: time, dir, dev, item, event, name (for the
-// library's own codes), len, and pid (9001) or body (the whole body).
-std::string json_event(const std::string& time, const char* direction, const std::string& dev,
-                       int32_t item, int32_t event, const char* data, int32_t len) {
-    std::string line = "{\"time\":\"" + time + "\",\"dir\":\"" + direction +
-                       "\",\"dev\":" + json_string(dev.data(), dev.size()) +
-                       ",\"item\":" + std::to_string(item) + ",\"event\":" + std::to_string(event);
-    if (const char* name = library_event_name(event))
-        line += ",\"name\":\"" + std::string(name) + "\"";
-    line += ",\"len\":" + std::to_string(len);
-    int32_t pid = 0;
-    if (registration_pid(event, data, len, pid)) {
-        line += ",\"pid\":" + std::to_string(pid);
-    } else if (data != nullptr && len > 0) {
-        line += ",\"body\":" + json_string(data, static_cast<size_t>(len));
-    }
-    return line + "}\n";
-}
-
-const char kCommandHelp[] =
-    "commands:\n"
-    "  send DEV ITEM EVENT [TEXT...]  send EVENT with TEXT to the test (DEV \"\" is empty)\n"
-    "  list                           the tests that registered\n"
-    "  quit                           stop the server and leave\n"
-    "  help                           this text\n";
-
-bool parse_int32(const std::string& text, int32_t& value) {
-    if (text.empty())
-        return false;
-    errno = 0;
-    char* end = nullptr;
-    long v = std::strtol(text.c_str(), &end, 10);
-    if (errno != 0 || *end != '\0' || v < INT32_MIN || v > INT32_MAX)
-        return false;
-    value = static_cast<int32_t>(v);
-    return true;
-}
-
-// Splits off the next blank-separated word of `line` starting at `pos`.
-std::string next_word(const std::string& line, size_t& pos) {
-    size_t start = line.find_first_not_of(" \t", pos);
-    if (start == std::string::npos) {
-        pos = line.size();
-        return std::string();
-    }
-    size_t end = line.find_first_of(" \t", start);
-    if (end == std::string::npos)
-        end = line.size();
-    pos = end;
-    return line.substr(start, end - start);
-}
+// Event lines kept for the report, per pair; later ones are only counted.
+constexpr size_t kMaxEventLog = 64 * 1024;
 
 }  // namespace
 
-size_t Host::noteLaunched(const std::string& path, bool isSo, bool reportsExit) {
+size_t Host::noteLaunched(const LaunchRecord& launch) {
     std::lock_guard<std::mutex> guard(m_lock);
-    LaunchRecord launch;
-    launch.path = path;
-    launch.isSo = isSo;
-    launch.reportsExit = reportsExit;
-    launch.startedAt = Clock::now();
     m_launches.push_back(launch);
+    m_launches.back().startedAt = Clock::now();
     return m_launches.size() - 1;
 }
 
@@ -158,6 +31,12 @@ void Host::noteChildPid(size_t index, int32_t pid) {
     std::lock_guard<std::mutex> guard(m_lock);
     if (index < m_launches.size())
         m_launches[index].childPid = pid;
+}
+
+void Host::noteStartError(size_t index, int error) {
+    std::lock_guard<std::mutex> guard(m_lock);
+    if (index < m_launches.size())
+        m_launches[index].startError = error;
 }
 
 void Host::noteExit(size_t index, int waitStatus) {
@@ -169,33 +48,74 @@ void Host::noteExit(size_t index, int waitStatus) {
     }
 }
 
-void Host::onEvent(int32_t item, int32_t event, const char* dev, const char* data, int32_t len) {
-    std::string devText = dev != nullptr ? dev : "";
-    printEvent("recv", devText, item, event, data, len);
-    {
+// `line` runs from the registering pid up to the tool; empty when the pid is
+// not below the tool (a test started by a su daemon, or a stranger).
+size_t Host::matchLaunch(int32_t pid, const std::vector<int32_t>& line) const {
+    for (size_t i = 0; i < m_launches.size(); ++i) {
+        int32_t child = m_launches[i].childPid;
+        if (child > 0 && std::find(line.begin(), line.end(), child) != line.end())
+            return i;
+    }
+    // Otherwise the first launch without a registration whose pid cannot tell:
+    // a test library registers with the tool's own pid; a program started
+    // without the wrapper or through su has a pid nobody reported.
+    const bool own = pid == static_cast<int32_t>(getpid());
+    for (size_t i = 0; i < m_launches.size(); ++i) {
+        const LaunchRecord& launch = m_launches[i];
+        bool candidate =
+            own ? launch.isSo : !launch.isSo && (launch.childPid == 0 || launch.throughSu);
+        bool taken = std::any_of(m_tests.begin(), m_tests.end(),
+                                 [i](const auto& entry) { return entry.second.launch == i; });
+        if (candidate && !taken)
+            return i;
+    }
+    return kNoLaunch;
+}
+
+void Host::onEvent(int32_t item, int32_t event, const char* dev, int64_t sentAtUs, const char* data,
+                   int32_t len) {
+    EventView ev;
+    ev.dev = dev != nullptr ? dev : "";
+    ev.item = item;
+    ev.event = event;
+    ev.sentAtUs = sentAtUs;
+    ev.data = data;
+    ev.len = len;
+    const TestKey key{ev.dev, item};
+    if (event == CLIENT_IPC_CONFIG) {
+        int32_t pid = 0;
+        registration_pid(event, data, len, pid);
+        // Read while the test is surely alive; the wrapper's report of its
+        // child was written before that child could run.
+        const std::vector<int32_t> line = line_to_ancestor(pid, getpid());
+        if (m_readReports)
+            m_readReports();
         std::lock_guard<std::mutex> guard(m_lock);
-        TestKey key{devText, item};
-        if (event == CLIENT_IPC_CONFIG) {
-            TestState state;
-            registration_pid(event, data, len, state.pid);
-            state.order = m_registrations++;
-            state.registeredAt = Clock::now();
-            m_tests[key] = state;
-        } else if (event == CLIENT_IPC_CLOSED || event == CLIENT_IPC_OFFLINE) {
-            auto it = m_tests.find(key);
-            if (it != m_tests.end() && !it->second.closed) {
-                it->second.closed = true;
-                it->second.offline = event == CLIENT_IPC_OFFLINE;
-                it->second.endedAt = Clock::now();
-            }
+        TestState state;
+        state.pid = pid;
+        state.launched = !line.empty();
+        state.launch = matchLaunch(pid, line);
+        state.timedOut = state.launch != kNoLaunch && m_launches[state.launch].timedOut;
+        state.order = m_registrations++;
+        state.registeredAt = Clock::now();
+        m_tests[key] = state;
+        ev.launched = state.launched;
+    } else if (event == CLIENT_IPC_CLOSED || event == CLIENT_IPC_OFFLINE) {
+        std::lock_guard<std::mutex> guard(m_lock);
+        auto it = m_tests.find(key);
+        if (it != m_tests.end() && !it->second.closed) {
+            it->second.closed = true;
+            it->second.offline = event == CLIENT_IPC_OFFLINE;
+            it->second.endedAt = Clock::now();
         }
     }
+    printEvent(ev);
     if (!m_demo)
         return;
     if (event == CLIENT_IPC_CONFIG) {
-        send(devText, item, kEchoEvent, kDemoPing, sizeof(kDemoPing) - 1);
+        send(ev.dev, item, kEchoEvent, kDemoPing, sizeof(kDemoPing) - 1);
     } else if (event == kEchoReplyEvent) {
-        send(devText, item, kLeaveEvent, "", 0);
+        send(ev.dev, item, kLeaveEvent, "", 0);
     }
 }
 
@@ -204,8 +124,16 @@ void Host::send(const std::string& dev, int32_t item, int32_t event, const char*
     void* srv = server();
     if (srv == nullptr)
         return;
+    EventView ev;
+    ev.direction = "sent";
+    ev.dev = dev;
+    ev.item = item;
+    ev.event = event;
+    ev.sentAtUs = wall_clock_us();
+    ev.data = data;
+    ev.len = len;
     // Printed first, so that a quick answer never shows up above its question.
-    printEvent("sent", dev, item, event, data, len);
+    printEvent(ev);
     ipc_send_command(srv, dev.c_str(), item, event, data, len);
 }
 
@@ -215,49 +143,118 @@ bool Host::isOpen(const std::string& dev, int32_t item) {
     return it != m_tests.end() && !it->second.closed;
 }
 
-bool Host::allDone() {
-    std::lock_guard<std::mutex> guard(m_lock);
-    if (m_launches.empty() || m_tests.size() < m_launches.size())
-        return false;
+bool Host::launchSettled(size_t index, Clock::time_point now, Clock::duration settle) const {
+    const LaunchRecord& launch = m_launches[index];
+    if (launch.timedOut)
+        return true;
+    bool any = false;
+    bool open = false;
     for (const auto& entry : m_tests) {
-        if (!entry.second.closed)
-            return false;
+        if (entry.second.launch == index) {
+            any = true;
+            open = open || (!entry.second.closed && !entry.second.timedOut);
+        }
     }
-    return true;
+    if (any && !open)
+        return true;
+    // A program that ended without registering never will; one that did may
+    // still be on its way when the exit is seen.
+    return launch.reportsExit && launch.exited && now - launch.exitedAt >= settle && !open;
 }
 
-bool Host::allEnded(Clock::duration settle) {
+void Host::enforceTimeLimit() {
+    if (m_timeoutSeconds <= 0)
+        return;
+    const int32_t self = static_cast<int32_t>(getpid());
+    struct Overdue {
+        std::string what;
+        size_t launch;
+        bool isSo;
+        std::vector<int32_t> roots;  // processes whose trees end it
+    };
+    std::vector<Overdue> overdue;
+    {
+        std::lock_guard<std::mutex> guard(m_lock);
+        const Clock::time_point now = Clock::now();
+        for (size_t i = 0; i < m_launches.size(); ++i) {
+            LaunchRecord& launch = m_launches[i];
+            if (launch.timedOut || now - launch.startedAt < m_timeLimit ||
+                launchSettled(i, now, {}))
+                continue;
+            launch.timedOut = true;
+            overdue.push_back({launch.path, i, launch.isSo, {}});
+            if (launch.childPid > 0)
+                overdue.back().roots.push_back(launch.childPid);
+        }
+        for (auto& entry : m_tests) {
+            TestState& test = entry.second;
+            bool ownerOverdue = test.launch != kNoLaunch && m_launches[test.launch].timedOut;
+            bool overdueAlone = test.launch == kNoLaunch && now - test.registeredAt >= m_timeLimit;
+            if (test.closed || test.timedOut || !(ownerOverdue || overdueAlone))
+                continue;
+            test.timedOut = true;
+            auto owner = std::find_if(overdue.begin(), overdue.end(), [&test](const Overdue& o) {
+                return o.launch == test.launch;
+            });
+            if (overdueAlone) {
+                overdue.push_back(
+                    {pair_label(entry.first.dev, entry.first.item), kNoLaunch, false, {}});
+                owner = overdue.end() - 1;
+            }
+            if (test.launched && test.pid != self && owner != overdue.end())
+                owner->roots.push_back(test.pid);
+        }
+    }
+    for (const Overdue& o : overdue) {
+        std::string note;
+        if (o.isSo) {
+            note = "a test library runs inside the tool and cannot be ended";
+        } else if (o.roots.empty()) {
+            note = "its process is not known to the tool and was not ended";
+        }
+        for (int32_t root : o.roots) {
+            // Only what is still below the tool: a pid may have been reused.
+            if (line_to_ancestor(root, self).empty())
+                continue;
+            int refused = signal_tree(root, SIGKILL);
+            if (refused != 0 && note.empty())
+                note = std::string("not ended: ") + std::strerror(refused);
+        }
+        if (o.launch != kNoLaunch) {
+            std::lock_guard<std::mutex> guard(m_lock);
+            m_launches[o.launch].endNote = note;
+        }
+        writeError("vexahost: " + o.what + " " + timeout_reason(m_timeoutSeconds, note) + "\n");
+    }
+}
+
+bool Host::finished(Clock::duration settle) {
     std::lock_guard<std::mutex> guard(m_lock);
     if (m_launches.empty())
         return false;
-    Clock::time_point now = Clock::now();
-    size_t unreported = 0;
-    for (const LaunchRecord& launch : m_launches) {
-        // A registration may still be on its way when the exit is seen.
-        if (launch.reportsExit && (!launch.exited || now - launch.exitedAt < settle))
-            return false;
-        unreported += launch.reportsExit ? 0 : 1;
-    }
-    for (const auto& entry : m_tests) {
-        if (!entry.second.closed)
+    const Clock::time_point now = Clock::now();
+    for (size_t i = 0; i < m_launches.size(); ++i) {
+        if (!launchSettled(i, now, settle))
             return false;
     }
-    // Test libraries and programs started through su end by closing.
-    return m_tests.size() >= unreported;
+    return std::all_of(m_tests.begin(), m_tests.end(), [](const auto& entry) {
+        return entry.second.closed || entry.second.timedOut;
+    });
 }
 
 bool Host::exitsPending() {
     std::lock_guard<std::mutex> guard(m_lock);
-    for (const LaunchRecord& launch : m_launches) {
-        if (launch.reportsExit && !launch.exited)
-            return true;
-    }
-    return false;
+    return std::any_of(m_launches.begin(), m_launches.end(), [](const LaunchRecord& launch) {
+        return launch.reportsExit && !launch.exited && !launch.timedOut;
+    });
 }
 
-SessionRecord Host::record() {
+SessionRecord Host::record(bool withEvents) {
     std::lock_guard<std::mutex> guard(m_lock);
-    return SessionRecord{m_startedAt, m_launches, m_tests};
+    SessionRecord copy{m_startedAt, m_timeoutSeconds, m_timeLimit, m_launches, m_tests, {}};
+    if (withEvents)
+        copy.events = m_events;
+    return copy;
 }
 
 size_t Host::launched() {
@@ -275,94 +272,54 @@ void Host::printList() {
     std::string text = std::to_string(m_launches.size()) + " launched, " +
                        std::to_string(m_tests.size()) + " registered\n";
     for (const auto& entry : m_tests) {
-        text += "  dev=" + printable(entry.first.dev.data(), entry.first.dev.size()) +
-                " item=" + std::to_string(entry.first.item) +
-                " pid=" + std::to_string(entry.second.pid) +
-                (entry.second.closed ? " closed\n" : " open\n");
+        const TestState& test = entry.second;
+        text += "  " + pair_label(entry.first.dev, entry.first.item) +
+                " pid=" + std::to_string(test.pid) + (test.launched ? " launched" : "") +
+                (test.offline  ? " offline"
+                 : test.closed ? " closed"
+                               : " open");
+        if (test.launch != kNoLaunch)
+            text += " " + m_launches[test.launch].path;
+        text += "\n";
     }
     writeNote(text);
 }
 
-void Host::writeOut(const std::string& text) {
-    std::lock_guard<std::mutex> guard(m_outLock);
-    std::fputs(text.c_str(), stdout);
-    std::fflush(stdout);
-}
-
 void Host::writeNote(const std::string& text) {
     if (m_format == OutputFormat::kText) {
-        writeOut(text);
-        return;
+        m_console.out(text);
+    } else {
+        m_console.err(text);
     }
-    std::lock_guard<std::mutex> guard(m_outLock);
-    std::fputs(text.c_str(), stderr);
 }
 
-void Host::printEvent(const char* direction, const std::string& dev, int32_t item, int32_t event,
-                      const char* data, int32_t len) {
-    if (m_format == OutputFormat::kJson) {
-        writeOut(json_event(local_time_ms(), direction, dev, item, event, data, len));
-        return;
+void Host::printEvent(EventView& ev) {
+    const TestKey key{ev.dev, ev.item};
+    {
+        std::lock_guard<std::mutex> guard(m_lock);
+        auto it = m_tests.find(key);
+        if (it != m_tests.end() && it->second.launch != kNoLaunch)
+            ev.program = m_launches[it->second.launch].path;
     }
-    std::string line = local_time_ms() + " " + direction +
-                       " dev=" + printable(dev.data(), dev.size()) +
-                       " item=" + std::to_string(item) + " event=" + event_name(event) +
-                       " len=" + std::to_string(len);
-    int32_t pid = 0;
-    if (registration_pid(event, data, len, pid)) {
-        line += " pid=" + std::to_string(pid);
-    } else if (data != nullptr && len > 0) {
-        size_t shown = std::min(static_cast<size_t>(len), kPreviewChars);
-        line += " \"" + printable(data, shown) + "\"";
-        if (shown < static_cast<size_t>(len))
-            line += "...";
+    const std::string time = local_time_ms();
+    const std::string line = text_event_line(time, ev);
+    writeOut(m_format == OutputFormat::kJson ? json_event_line(time, ev) : line);
+    std::lock_guard<std::mutex> guard(m_lock);
+    if (m_tests.count(key) == 0)
+        return;  // a send to a pair that never registered
+    EventLog& log = m_events[key];
+    if (log.text.size() + line.size() <= kMaxEventLog) {
+        log.text += line;
+    } else {
+        ++log.linesLeftOut;
     }
-    writeOut(line + "\n");
 }
 
 int on_server_event(void* user, int32_t test_item, int32_t event_id, const char* dev,
-                    int32_t /*time_sec*/, int32_t /*time_usec*/, const char* data,
-                    int32_t data_len) {
-    static_cast<Host*>(user)->onEvent(test_item, event_id, dev, data, data_len);
+                    int32_t time_sec, int32_t time_usec, const char* data, int32_t data_len) {
+    const int64_t sentAtUs = static_cast<int64_t>(time_sec) * 1000000 + time_usec;
+    static_cast<Host*>(user)->onEvent(test_item, event_id, dev, sentAtUs, data, data_len);
     return 0;
-}
-
-// Returns false when the command asks the tool to quit.
-bool run_command(Host& host, const std::string& line) {
-    size_t pos = 0;
-    std::string cmd = next_word(line, pos);
-    if (cmd.empty())
-        return true;
-    if (cmd == "quit" || cmd == "exit")
-        return false;
-    if (cmd == "help") {
-        host.writeNote(kCommandHelp);
-    } else if (cmd == "list") {
-        host.printList();
-    } else if (cmd == "send") {
-        std::string dev = next_word(line, pos);
-        std::string itemText = next_word(line, pos);
-        std::string eventText = next_word(line, pos);
-        int32_t item = 0;
-        int32_t event = 0;
-        if (dev.empty() || !parse_int32(itemText, item) || !parse_int32(eventText, event)) {
-            std::fprintf(stderr, "vexahost: usage: send DEV ITEM EVENT [TEXT...]\n");
-            return true;
-        }
-        if (dev == "\"\"")
-            dev.clear();
-        // The body is the rest of the line as typed, inner blanks included.
-        size_t textStart = line.find_first_not_of(" \t", pos);
-        std::string text = textStart == std::string::npos ? "" : line.substr(textStart);
-        if (!host.isOpen(dev, item)) {
-            std::fprintf(stderr, "vexahost: note: dev=%s item=%d is not registered\n", dev.c_str(),
-                         item);
-        }
-        host.send(dev, item, event, text.data(), static_cast<int32_t>(text.size()));
-    } else {
-        std::fprintf(stderr, "vexahost: unknown command \"%s\" (try help)\n", cmd.c_str());
-    }
-    return true;
 }
 
 }  // namespace vexahost

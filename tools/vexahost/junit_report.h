@@ -1,22 +1,23 @@
-// The JUnit XML report of --junit-xml: one test case per launched test.
+// The JUnit XML report of --junit-xml: one test case per verdict's case,
+// under one suite with the run's start time and this machine's name.
 #ifndef VEXAHOST_JUNIT_REPORT_H
 #define VEXAHOST_JUNIT_REPORT_H
 
-#include <cstdint>
+#include <ctime>
 #include <string>
 
-#include "host_session.h"
+#include "verdict.h"
 
 namespace vexahost {
 
-// Writes the report of `session` to `path`. A launched test passes when what
-// it registered closed in order and it did not exit with a non-zero status;
-// it fails when it never registered, went offline, was still registered when
-// the tool stopped, or exited otherwise. Registrations are matched to launches
-// by the pid the wrapper reported, then (the tool's own pid) to test
-// libraries, then in order to programs; one that matches no launch gets a
-// test case of its own. Returns false when the file cannot be written.
-bool write_junit_report(const std::string& path, const SessionRecord& session, int32_t ownPid);
+// Writes the report to `path`: the suite "vexahost" with its timestamp (the
+// local time `started`, ISO 8601 to the second), hostname and `seconds`; each
+// case with its time, a failure whose message and text are the reasons (or,
+// for a pair no launch owns, skipped with what became of it), and its event
+// lines in system-out. Returns false when the file cannot be
+// written (errno tells why).
+bool write_junit_report(const std::string& path, const Verdict& verdict, time_t started,
+                        double seconds);
 
 }  // namespace vexahost
 
