@@ -8,6 +8,7 @@
 #include <map>
 
 #include "comm/env_path.h"
+#include "comm/platform.h"
 #include "comm/thread_util.h"
 
 namespace vexa {
@@ -20,7 +21,11 @@ std::map<std::string, std::string>& in_process_tokens() REQUIRES(g_inProcessLock
     return tokens;
 }
 
+// The system's random source without a file where it can, else /dev/urandom.
 bool read_random(uint8_t* bytes, size_t size) {
+    if (comm::fill_random(bytes, size)) {
+        return true;
+    }
     const int fd = ::open("/dev/urandom", O_RDONLY | O_CLOEXEC);
     if (fd < 0) {
         return false;

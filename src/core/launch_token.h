@@ -16,7 +16,8 @@ constexpr char kLaunchTokenVariable[] = "VEXA_LAUNCH_TOKEN";
 // 128 bits from the system's random source, as lowercase hex digits.
 constexpr size_t kLaunchTokenLength = 32;
 
-// A fresh token; "" when the random source cannot be read.
+// A fresh token; "" when the random source cannot be read. Needs no free
+// descriptor where the system has getrandom (or, on Android, arc4random).
 std::string make_launch_token();
 // Exactly kLaunchTokenLength lowercase hex digits.
 bool is_launch_token(const char* text, size_t length);

@@ -23,7 +23,6 @@ constexpr int kLoopWaitMs = 5;
 // The kernel caps it at the system's maximum (net.core.somaxconn): a burst
 // of connecting tests never waits for a SYN retry.
 constexpr int kListenBacklog = INT_MAX;
-constexpr uint32_t kKillDelayMs = 500;
 constexpr int64_t kDropLogIntervalMs = 1000;
 const char kSource[] = "ipcserver";
 
@@ -50,6 +49,7 @@ IPCServer::IPCServer(const std::string& servPath, ServerCallback callback, void*
     m_clientLock.reset(comm::mutex_create());
     std::string unknown;
     m_policy = registration_policy_from_environment(&unknown);
+    m_launcher.allowWithoutToken(m_policy == RegistrationPolicy::kOpen);
     if (!unknown.empty()) {
         m_logger->writeFormat("%s=%s unknown, using protect", kRegistrationVariable,
                               unknown.c_str());
@@ -247,7 +247,13 @@ void IPCServer::serveReady(int events) {
     const std::vector<Connection*>& ready = m_schedule.collect(&m_woken);
     size_t served = 0;
     while (served < ready.size()) {
-        serveOne(ready[served++]);
+        Connection* conn = ready[served++];
+        const size_t before = conn->input().incompleteBytes();
+        serveOne(conn);
+        // The limit on incomplete messages holds within a pass too.
+        if (m_schedule.afterTurn(conn, before) > m_limits.maxIncompleteBytes) {
+            expireStalled(comm::monotonic_ms());
+        }
         if (served < ready.size() && passTimeSpent()) {
             // The loop looks at its sockets again before it goes on.
             m_schedule.carryFrom(served);
@@ -574,12 +580,7 @@ bool IPCServer::send_command(const std::string& dev, int32_t testItem, int32_t e
 }
 
 void IPCServer::kill_client() {
-    uint32_t since = comm::tick_ms() - m_launcher.lastRunMs();
-    if (since > kKillDelayMs - 1) {
-        return;
-    }
-    m_logger->writeLine("delay 500ms as just ipc_run_test");
-    comm::sleep_ms(kKillDelayMs);
+    m_launcher.settle();
 }
 
 void IPCServer::set_su_file_path(const char* suFilePath, const char* suPreCmd) {

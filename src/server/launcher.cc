@@ -196,7 +196,13 @@ bool TestLauncher::run(const char* testPath, const char* dValue, const char* ext
     // Never logged and never in this process's own environment.
     const std::string token = m_tokens.issue();
     if (token.empty()) {
-        m_logger->writeLine("run_test: no launch token (random source unreadable)");
+        // A test without its token could be taken over, or could not register.
+        m_logger->writeFormat("run_test: no launch token, the random source failed: %s%s",
+                              std::strerror(errno),
+                              m_withoutToken ? "" : "; the test is not started");
+        if (!m_withoutToken) {
+            return false;
+        }
     }
 
     if (comm::ends_with(path, ".so")) {
@@ -223,6 +229,15 @@ bool TestLauncher::run(const char* testPath, const char* dValue, const char* ext
                           static_cast<unsigned long>(pthread_self()));
     m_lastRunMs = comm::tick_ms();
     return pid > 0;
+}
+
+void TestLauncher::settle() const {
+    constexpr uint32_t kSettleMs = 500;
+    if (comm::tick_ms() - m_lastRunMs.load() > kSettleMs - 1) {
+        return;
+    }
+    m_logger->writeLine("delay 500ms as just ipc_run_test");
+    comm::sleep_ms(kSettleMs);
 }
 
 void TestLauncher::reap() {

@@ -56,12 +56,17 @@ class TestLauncher {
     // servPath: the server's address, which every test receives.
     TestLauncher(const std::string& servPath, comm::Logger* logger);
 
+    // Whether a test may be started without a launch token (which only the
+    // open policy does not ask for). Default: no.
+    void allowWithoutToken(bool allowed) { m_withoutToken = allowed; }
+
     // The su prefix and pre-command of later launches (default "su -c", "").
     void setSuFilePath(const char* suFilePath, const char* suPreCmd) EXCLUDES(m_lock);
     // Starts one test, with a fresh token: a ".so" path is loaded into this
     // process; anything else is started as a program, whose failure to start
-    // is logged with the system's reason. True when a program was started
-    // (it is then to be reaped).
+    // is logged with the system's reason. Without a token (no random source)
+    // nothing is started unless allowWithoutToken. True when a program was
+    // started (it is then to be reaped).
     bool run(const char* testPath, const char* dValue, const char* extraArgs, int listenSocket)
         EXCLUDES(m_lock);
     // Collects the programs it started that have ended, without waiting;
@@ -70,8 +75,9 @@ class TestLauncher {
     bool hasChildren() const { return m_childCount.load() != 0; }
 
     bool testSoLoaded() const { return m_testSoLoaded.load(); }
-    // tick_ms() of the last program launch.
-    uint32_t lastRunMs() const { return m_lastRunMs.load(); }
+    // Within 500 ms of the last program launch, sleeps 500 ms (a settling
+    // delay for the host, not a termination); otherwise returns at once.
+    void settle() const;
     const LaunchTokens& tokens() const { return m_tokens; }
 
   private:
@@ -84,6 +90,7 @@ class TestLauncher {
     std::vector<pid_t> m_children GUARDED_BY(m_lock);  // launched, not reaped
     std::atomic<size_t> m_childCount{0};               // m_children.size()
     std::atomic<bool> m_testSoLoaded{false};
+    std::atomic<bool> m_withoutToken{false};
     std::atomic<uint32_t> m_lastRunMs{0};
 };
 

@@ -6,6 +6,9 @@
 namespace vexa {
 
 const std::vector<Connection*>& PassSchedule::collect(std::vector<Connection*>* woken) {
+    if (m_stalled.empty()) {
+        m_held = 0;
+    }
     m_ready.clear();
     m_ready.swap(m_pending);
     m_ready.insert(m_ready.end(), woken->begin(), woken->end());
@@ -16,14 +19,13 @@ const std::vector<Connection*>& PassSchedule::collect(std::vector<Connection*>* 
     m_ready.erase(std::unique(m_ready.begin(), m_ready.end()), m_ready.end());
     // ...after those the last pass had no time for.
     if (!m_carried.empty()) {
-        m_ready.erase(std::remove_if(m_ready.begin(), m_ready.end(),
-                                     [this](const Connection* conn) {
-                                         return std::find(m_carried.begin(), m_carried.end(),
-                                                          conn) != m_carried.end();
-                                     }),
-                      m_ready.end());
+        m_ready.erase(
+            std::remove_if(m_ready.begin(), m_ready.end(),
+                           [this](const Connection* conn) { return m_isCarried.count(conn) != 0; }),
+            m_ready.end());
         m_ready.insert(m_ready.begin(), m_carried.begin(), m_carried.end());
         m_carried.clear();
+        m_isCarried.clear();
     }
     return m_ready;
 }
@@ -31,6 +33,7 @@ const std::vector<Connection*>& PassSchedule::collect(std::vector<Connection*>* 
 void PassSchedule::carryFrom(size_t served) {
     if (served < m_ready.size()) {
         m_carried.assign(m_ready.begin() + static_cast<ptrdiff_t>(served), m_ready.end());
+        m_isCarried.insert(m_carried.begin(), m_carried.end());
     }
 }
 
@@ -41,26 +44,34 @@ void PassSchedule::requeue(Connection* conn) {
     }
     if (input.ready()) {
         m_pending.push_back(conn);
-    } else if (input.partial() &&
-               std::find(m_stalled.begin(), m_stalled.end(), conn) == m_stalled.end()) {
+    } else if (input.partial() && m_isStalled.insert(conn).second) {
         m_stalled.push_back(conn);
     }
 }
 
+size_t PassSchedule::afterTurn(const Connection* conn, size_t incompleteBefore) {
+    m_held += conn->input().incompleteBytes();
+    m_held -= std::min(incompleteBefore, m_held);
+    return m_held;
+}
+
 PassSchedule::Expiry PassSchedule::expire(int64_t nowMs, int32_t readBudgetMs, size_t maxBytes) {
     Expiry expiry;
-    for (auto conn = m_stalled.begin(); conn != m_stalled.end();) {
-        MessageBuffer& input = (*conn)->input();
-        if ((*conn)->closing() || !input.partial()) {
-            conn = m_stalled.erase(conn);
+    std::vector<Connection*> still;
+    for (Connection* conn : m_stalled) {
+        MessageBuffer& input = conn->input();
+        if (conn->closing() || !input.partial()) {
+            m_isStalled.erase(conn);
         } else if (input.expire(nowMs, readBudgetMs)) {
-            m_pending.push_back(*conn);  // its failure is reported in this pass
-            conn = m_stalled.erase(conn);
+            m_isStalled.erase(conn);
+            m_pending.push_back(conn);  // its failure is reported in this pass
         } else {
             expiry.heldBytes += input.incompleteBytes();
-            ++conn;
+            still.push_back(conn);
         }
     }
+    m_stalled.swap(still);
+    m_held = expiry.heldBytes;
     if (expiry.heldBytes <= maxBytes) {
         return expiry;
     }
@@ -75,12 +86,20 @@ PassSchedule::Expiry PassSchedule::expire(int64_t nowMs, int32_t readBudgetMs, s
     }
     expiry.giveUp.assign(m_stalled.begin(), m_stalled.begin() + static_cast<ptrdiff_t>(count));
     m_stalled.erase(m_stalled.begin(), m_stalled.begin() + static_cast<ptrdiff_t>(count));
+    for (const Connection* conn : expiry.giveUp) {
+        m_isStalled.erase(conn);
+    }
+    m_held = held;
     return expiry;
 }
 
 void PassSchedule::forget(const Connection* conn) {
-    for (std::vector<Connection*>* list : {&m_pending, &m_stalled, &m_carried}) {
-        list->erase(std::remove(list->begin(), list->end(), conn), list->end());
+    m_pending.erase(std::remove(m_pending.begin(), m_pending.end(), conn), m_pending.end());
+    if (m_isStalled.erase(conn) != 0) {
+        m_stalled.erase(std::remove(m_stalled.begin(), m_stalled.end(), conn), m_stalled.end());
+    }
+    if (m_isCarried.erase(conn) != 0) {
+        m_carried.erase(std::remove(m_carried.begin(), m_carried.end(), conn), m_carried.end());
     }
 }
 

@@ -11,6 +11,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <unordered_set>
 #include <vector>
 
 #include "core/connection.h"
@@ -33,6 +34,10 @@ class PassSchedule {
     // After a connection's turn: what remains of its input decides when it
     // is looked at again.
     void requeue(Connection* conn);
+    // After a turn that began with `incompleteBefore` bytes of an incomplete
+    // message on conn: the bytes all incomplete messages hold now, as far as
+    // this schedule knows (exactly after expire(), since then by each turn).
+    size_t afterTurn(const Connection* conn, size_t incompleteBefore);
 
     struct Expiry {
         size_t heldBytes = 0;             // in incomplete messages, before any is given up
@@ -51,6 +56,11 @@ class PassSchedule {
     std::vector<Connection*> m_carried;  // ready, left over when a pass ran out of time
     std::vector<Connection*> m_pending;  // whole message or end already received
     std::vector<Connection*> m_stalled;  // part of a message waits for the rest
+    // Membership of the last two, so that no step costs as many steps as
+    // there are connections for each connection.
+    std::unordered_set<const Connection*> m_isCarried;
+    std::unordered_set<const Connection*> m_isStalled;
+    size_t m_held = 0;  // see afterTurn
 };
 
 }  // namespace vexa
