@@ -17,13 +17,24 @@ const std::vector<Connection*>& PassSchedule::collect(std::vector<Connection*>* 
     std::sort(m_ready.begin(), m_ready.end(),
               [](const Connection* a, const Connection* b) { return a->serial() < b->serial(); });
     m_ready.erase(std::unique(m_ready.begin(), m_ready.end()), m_ready.end());
-    // ...after those the last pass had no time for.
+    // ...taking turns with those the last pass had no time for: neither a
+    // crowd that became ready at once nor a steady stream of new messages
+    // makes the other wait for more than a pass.
     if (!m_carried.empty()) {
         m_ready.erase(
             std::remove_if(m_ready.begin(), m_ready.end(),
                            [this](const Connection* conn) { return m_isCarried.count(conn) != 0; }),
             m_ready.end());
-        m_ready.insert(m_ready.begin(), m_carried.begin(), m_carried.end());
+        m_taking.clear();
+        for (size_t fresh = 0, carried = 0; fresh < m_ready.size() || carried < m_carried.size();) {
+            if (fresh < m_ready.size()) {
+                m_taking.push_back(m_ready[fresh++]);
+            }
+            if (carried < m_carried.size()) {
+                m_taking.push_back(m_carried[carried++]);
+            }
+        }
+        m_ready.swap(m_taking);
         m_carried.clear();
         m_isCarried.clear();
     }

@@ -1,6 +1,6 @@
 // Which connections the server's processing loop serves in one pass, and in
-// what order: one message per connection per pass, oldest connection first,
-// those a pass had no time for first in the next one. Also watches the
+// what order: one message per connection per pass, oldest connection first;
+// those a pass had no time for take turns with the others in the next one. Also watches the
 // incomplete messages: one that waits too long fails, and while all of them
 // hold more than a limit, the connections holding the oldest are given up.
 //
@@ -26,8 +26,9 @@ class PassSchedule {
     // Part of a message waits for the rest somewhere.
     bool hasStalled() const { return !m_stalled.empty(); }
 
-    // This pass's connections: those the last pass had no time for, then
-    // `woken` (emptied) and those with input already here, oldest first.
+    // This pass's connections: `woken` (emptied) and those with input already
+    // here, oldest first, taking turns with those the last pass had no time
+    // for.
     const std::vector<Connection*>& collect(std::vector<Connection*>* woken);
     // The pass served the first `served` of them: the rest go first next time.
     void carryFrom(size_t served);
@@ -53,6 +54,7 @@ class PassSchedule {
 
   private:
     std::vector<Connection*> m_ready;
+    std::vector<Connection*> m_taking;   // kept to avoid allocating on every pass
     std::vector<Connection*> m_carried;  // ready, left over when a pass ran out of time
     std::vector<Connection*> m_pending;  // whole message or end already received
     std::vector<Connection*> m_stalled;  // part of a message waits for the rest

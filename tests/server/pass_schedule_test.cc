@@ -32,20 +32,21 @@ struct Peer {
     std::shared_ptr<Connection> conn;
 };
 
-// Oldest connection first, except that those a pass had no time for come
-// first in the next one; a whole message already here makes a connection
-// ready without its socket.
-TEST(PassSchedule, OldestFirstAndWhatAPassLeftFirstOfAll) {
-    Peer a(1), b(2), c(3);
+// Oldest connection first, except that those a pass had no time for take
+// turns with the others in the next one; a whole message already here makes a
+// connection ready without its socket.
+TEST(PassSchedule, OldestFirstAndWhatAPassLeftTakesTurns) {
+    Peer a(1), b(2), c(3), d(4);
     vexa::PassSchedule schedule;
-    Order woken{c.conn.get(), a.conn.get(), c.conn.get()};
-    EXPECT_EQ(schedule.collect(&woken), (Order{a.conn.get(), c.conn.get()}));
+    Order woken{d.conn.get(), c.conn.get(), a.conn.get(), c.conn.get()};
+    EXPECT_EQ(schedule.collect(&woken), (Order{a.conn.get(), c.conn.get(), d.conn.get()}));
     schedule.carryFrom(1);
     EXPECT_TRUE(schedule.readyWithoutWaiting());
     b.arrive(vexa_test::head_bytes("b", 2, 700, 0, 0, 0));
     schedule.requeue(b.conn.get());
     woken = {a.conn.get(), c.conn.get()};
-    EXPECT_EQ(schedule.collect(&woken), (Order{c.conn.get(), a.conn.get(), b.conn.get()}));
+    EXPECT_EQ(schedule.collect(&woken),
+              (Order{a.conn.get(), c.conn.get(), b.conn.get(), d.conn.get()}));
     EXPECT_FALSE(schedule.readyWithoutWaiting());
 }
 
