@@ -49,10 +49,13 @@ TEST(Api, NullHandlesAndArgumentsAreRefused) {
     ASSERT_NE(server, nullptr);
     EXPECT_FALSE(ipc_run_test(server, nullptr, nullptr, nullptr));
     ipc_set_su_file_path(server, nullptr, "");  // ignored
-    // A client without a callback still registers; a null dev counts as "".
-    void* client = ipc_init_client(address.c_str(), nullptr, nullptr, nullptr, 3);
+    // A null dev counts as "" both ways.
+    CallbackLog test;
+    void* client = ipc_init_client(address.c_str(), &CallbackLog::callback, &test, nullptr, 3);
     ASSERT_NE(client, nullptr);
     ASSERT_TRUE(host.waitFor(CLIENT_IPC_CONFIG, "", 3));
+    ipc_send_command(server, nullptr, 3, 6, "y", 1);
+    EXPECT_TRUE(test.waitFor(6, "", 3));
     EXPECT_FALSE(ipc_send_message(client, 5, "x", -1));
     EXPECT_FALSE(ipc_send_message(client, 5, "x", IPC_MAX_DATA_LEN));
     EXPECT_TRUE(ipc_send_message(client, 5, "x", 1));

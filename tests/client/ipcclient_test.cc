@@ -97,8 +97,13 @@ int32_t now_sec() {
     return static_cast<int32_t>(now.tv_sec);
 }
 
-// The descriptor of this process bound to the local end `local`, or -1.
-int find_socket(const sockaddr_in& local) {
+// The descriptor of this process at the other end of `peer`'s connection (the
+// client's), or -1.
+int client_socket(const vexa_test::FramedConn& peer) {
+    sockaddr_in local{};
+    socklen_t length = sizeof(local);
+    if (getpeername(peer.fd(), reinterpret_cast<sockaddr*>(&local), &length) != 0)
+        return -1;
     for (int fd = 0; fd < 4096; ++fd) {
         sockaddr_in addr{};
         socklen_t len = sizeof(addr);
@@ -123,10 +128,7 @@ TEST_F(ClientTest, RegistersWithItsIdentityAndPid) {
     EXPECT_EQ(vexa_test::native32(reg.substr(100)), static_cast<int32_t>(getpid()));
 
     // The client's socket is not inherited by programs the test launches.
-    sockaddr_in clientEnd{};
-    socklen_t len = sizeof(clientEnd);
-    ASSERT_EQ(getpeername(peer.fd(), reinterpret_cast<sockaddr*>(&clientEnd), &len), 0);
-    const int fd = find_socket(clientEnd);
+    const int fd = client_socket(peer);
     ASSERT_GE(fd, 0);
     EXPECT_NE(fcntl(fd, F_GETFD) & FD_CLOEXEC, 0);
 }
@@ -260,17 +262,25 @@ TEST_F(ClientTest, ServerGoneOrAnUnaskedExitAckEndsTheLoop) {
 
 // The release asks leave with CLIENT_IPC_EXIT and waits for the answer, but
 // for 2000 ms at most, whatever the server does: also when it stops in the
-// middle of a message or trickles one in a byte at a time. A server that
-// closes instead of answering ends the wait at once, with one 1006.
+// middle of a message, trickles one in a byte at a time, or reads nothing
+// and the request finds no room. A server that closes instead of answering
+// ends the wait at once, with one 1006.
 TEST_F(ClientTest, ReleaseWaitsForTheExitAckUpTo2000ms) {
-    enum Server { kAnswers, kCloses, kIgnores, kStallsMidMessage, kTrickles };
-    for (Server mode : {kAnswers, kCloses, kIgnores, kStallsMidMessage, kTrickles}) {
+    enum Server { kAnswers, kCloses, kReadsNothing, kStallsMidMessage, kTrickles };
+    for (Server mode : {kAnswers, kCloses, kReadsNothing, kStallsMidMessage, kTrickles}) {
         SCOPED_TRACE(mode);
         start("polite_dev", 61);
         const size_t eventsBefore = events.events().size();
         const std::string head = vexa_test::head_bytes("polite_dev", 61, 700, 0, 0, 1000);
         if (mode == kStallsMidMessage) {
             ASSERT_TRUE(peer.sendRaw(head.substr(0, 60)));
+        }
+        if (mode == kReadsNothing) {
+            // Fills the client's socket behind its back.
+            const int fd = client_socket(peer);
+            const std::string filler(65536, 'f');
+            while (send(fd, filler.data(), filler.size(), MSG_DONTWAIT | MSG_NOSIGNAL) > 0) {
+            }
         }
         std::atomic<bool> released{false};
         WireMsg request;
@@ -280,7 +290,7 @@ TEST_F(ClientTest, ReleaseWaitsForTheExitAckUpTo2000ms) {
                     peer.sendRaw(head.substr(i, 1));
                     std::this_thread::sleep_for(std::chrono::milliseconds(20));
                 }
-            } else if (peer.readMsg(&request) && mode == kAnswers) {
+            } else if (mode != kReadsNothing && peer.readMsg(&request) && mode == kAnswers) {
                 peer.sendMsg("polite_dev", 61, CLIENT_IPC_EXIT_ACK, "");
             } else if (mode == kCloses) {
                 peer.close();
@@ -291,7 +301,7 @@ TEST_F(ClientTest, ReleaseWaitsForTheExitAckUpTo2000ms) {
         const long long took = release();
         released = true;
         server.join();
-        if (mode != kTrickles) {
+        if (mode != kTrickles && mode != kReadsNothing) {
             EXPECT_TRUE(request.event == CLIENT_IPC_EXIT && request.len == 0 && request.item == 61);
         }
         const bool quick = mode == kAnswers || mode == kCloses;

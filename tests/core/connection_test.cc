@@ -74,6 +74,26 @@ TEST(Connection, QueuedAnswersAndClosesNeverWait) {
     close(epoll);
 }
 
+// A connection let go while still watched leaves the poll set before its
+// number is closed: closed first, its entry would stay for as long as another
+// descriptor holds the socket, and a removal by number could hit a connection
+// given that number meanwhile.
+TEST(Connection, LeavesThePollSetBeforeItsNumberIsClosed) {
+    vexa_test::SocketPair pair;
+    const int epoll = epoll_create1(EPOLL_CLOEXEC);
+    const int kept = dup(pair.a);
+    {
+        vexa::Connection conn(pair.a, 1, nullptr, nullptr, epoll);
+        pair.a = -1;  // the connection's now
+        ASSERT_TRUE(conn.watch());
+    }
+    ASSERT_EQ(::send(pair.b, "x", 1, 0), 1);
+    epoll_event event{};
+    EXPECT_EQ(epoll_wait(epoll, &event, 1, 0), 0) << "still in the poll set";
+    close(kept);
+    close(epoll);
+}
+
 // A head announcing the largest body makes the buffer hold about what has
 // arrived, not what it announces; the whole message, trickled in, comes out
 // intact.

@@ -147,8 +147,11 @@ TEST_F(SocketUtilTest, StopFlagSetDuringAWaitEndsItWithinAboutASecond) {
         stop = 1;
     });
     char buffer[10];
+    // Both budgets are 30 seconds unless changed: without the stop this read
+    // would wait that long.
+    EXPECT_EQ(m_util.mysock_read_timeout(), 30000);
+    EXPECT_EQ(m_util.mysock_write_timeout(), 30000);
     const long long start = monotonic_ms();
-    // The default budget would be 30 seconds.
     const int rc = m_util.mysock_readn(m_pair.b, buffer, 10, &stop);
     const long long elapsed = monotonic_ms() - start;
     stopper.join();

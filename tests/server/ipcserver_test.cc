@@ -245,12 +245,14 @@ std::string random_frames(uint32_t seed) {
 }
 
 // Lengths out of range, a head cut short, a body cut short by a client that
-// dies inside it, random frames: the connection is dropped (nothing
-// resynchronises), a registered peer goes offline once, nothing of it reaches
-// the host, and meanwhile a bystander's messages still do.
+// dies inside it or stops inside it for longer than the read budget, random
+// frames: the connection is dropped (nothing resynchronises), a registered
+// peer goes offline once, nothing of it reaches the host, and meanwhile a
+// bystander's messages still do.
 TEST(ServerFaults, BrokenStreamsEndOnlyTheirOwnConnection) {
     Running r;
     ASSERT_NE(r.server, nullptr);
+    r.server->socketUtil().mysock_set_read_timeout(1000);
     FramedConn bystander;
     ASSERT_TRUE(r.join(bystander, "stand", 1));
     enum End { kKeepOpen, kShutWrite, kClose };
@@ -267,6 +269,7 @@ TEST(ServerFaults, BrokenStreamsEndOnlyTheirOwnConnection) {
         {"g-min", head_bytes("g-min", 1, 800, 0, 0, INT32_MIN), kKeepOpen},
         {"", std::string(40, 'Z'), kShutWrite},
         {"cut", cut, kClose},
+        {"stall", head_bytes("stall", 1, 800, 0, 0, 1000) + "abc", kKeepOpen},
         {"", cut, kClose},
     };
     for (uint32_t seed = 1; seed <= 4; ++seed)
@@ -310,14 +313,15 @@ TEST(ServerFaults, BrokenStreamsEndOnlyTheirOwnConnection) {
 }
 
 // A test that stops reading holds up the sends to it and nothing else: while
-// a host thread waits to write to it, others register and talk. The write
-// gives up after its budget with part of a message out, so the connection is
-// shut down: the reader gets whole messages, one cut short and the end, the
-// host a 9006, and later sends to it fail.
+// a host thread waits to write to it, others register and talk, and a send
+// to another test goes out at once. The write gives up after its budget with
+// part of a message out, so the connection is shut down: the reader gets
+// whole messages, one cut short and the end, the host a 9006, and later
+// sends to it fail.
 TEST(ServerIsolation, AStalledReaderHoldsUpOnlyTheSendsToIt) {
     Running r;
     ASSERT_NE(r.server, nullptr);
-    r.server->socketUtil().mysock_set_write_timeout(3000);
+    r.server->socketUtil().mysock_set_write_timeout(5000);
     FramedConn stalled;
     ASSERT_TRUE(r.join(stalled, "stalled", 1));
     const std::string body = vexa_test::pattern(IPC_MAX_DATA_LEN - 1);
@@ -333,7 +337,9 @@ TEST(ServerIsolation, AStalledReaderHoldsUpOnlyTheSendsToIt) {
     ASSERT_TRUE(r.join(other, "other", 2));
     ASSERT_TRUE(other.sendMsg("other", 2, 501, "x"));
     EXPECT_TRUE(r.events.waitFor(501, "other", 2));
+    const long long start = vexa_test::monotonic_ms();
     EXPECT_TRUE(r.server->send_command("other", 2, 502, nullptr, 0));
+    EXPECT_LT(vexa_test::monotonic_ms() - start, 2000) << "waited for the stalled send";
     WireMsg answer;
     EXPECT_TRUE(other.readMsg(&answer));
     EXPECT_TRUE(sending) << "the host thread was not held up at all";
@@ -349,8 +355,9 @@ TEST(ServerIsolation, AStalledReaderHoldsUpOnlyTheSendsToIt) {
 }
 
 // Released while a host thread waits to send to a test that does not read:
-// the release ends that send at once (false) and waits for it to return, so
-// the thread never touches the released server.
+// the test's leave, meanwhile, is handled at once (the loop never waits for
+// that send), and the release ends the send at once (false) and waits for it
+// to return, so the thread never touches the released server.
 TEST(ServerIsolation, AReleaseEndsASendUnderWay) {
     Running r;
     ASSERT_NE(r.server, nullptr);
@@ -363,11 +370,52 @@ TEST(ServerIsolation, AReleaseEndsASendUnderWay) {
         }
     });
     std::this_thread::sleep_for(std::chrono::milliseconds(300));  // the buffers fill up
+    ASSERT_TRUE(stalled.sendMsg("stalled", 1, CLIENT_IPC_EXIT, ""));
+    EXPECT_TRUE(r.events.waitFor(CLIENT_IPC_CLOSED, "stalled", 1, 1, 10000));
     const long long start = vexa_test::monotonic_ms();
     r.server.reset();
     // Within a second a wait's slice would notice the stop; the wake is at once.
     EXPECT_LT(vexa_test::monotonic_ms() - start, 400);
     host.join();
+}
+
+// While a callback waits to write to a test that does not read (here behind
+// a host thread's send to it), the test's own messages are taken in, so that
+// neither waits for the other for ever; but only so many: then the test's
+// writes wait too.
+TEST(ServerIsolation, ACallbackWaitingToWriteTakesInOnlySoMuch) {
+    Running r;
+    ASSERT_NE(r.server, nullptr);
+    const std::string body = vexa_test::pattern(IPC_MAX_DATA_LEN - 1);
+    vexa::IPCServer* server = r.server.get();
+    r.events.onEvent([&](const Event& e) {
+        while (e.event == 600 &&
+               server->send_command("flood", 1, 601, body.data(), IPC_MAX_DATA_LEN - 1)) {
+        }
+    });
+    FramedConn peer;
+    ASSERT_TRUE(r.join(peer, "flood", 1));
+    std::thread host([&] {
+        while (server->send_command("flood", 1, 500, body.data(), IPC_MAX_DATA_LEN - 1)) {
+        }
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));  // the buffers fill up
+    ASSERT_TRUE(peer.sendMsg("flood", 1, 600, ""));
+    const std::string message = head_bytes("flood", 1, 700, 0, 0, 65436) + body.substr(0, 65436);
+    size_t pushed = 0;
+    for (pollfd room{peer.fd(), POLLOUT, 0}; pushed < (64u << 20) && poll(&room, 1, 2000) == 1;) {
+        const size_t at = pushed % message.size();
+        const ssize_t n =
+            send(peer.fd(), message.data() + at, message.size() - at, MSG_DONTWAIT | MSG_NOSIGNAL);
+        if (n < 0 && errno != EAGAIN)
+            break;
+        pushed += n > 0 ? static_cast<size_t>(n) : 0;
+    }
+    EXPECT_GT(pushed, vexa::MessageBuffer::kMaxUnreadBytes) << "nothing taken in meanwhile";
+    EXPECT_LT(pushed, 32u << 20) << "taken in without a limit";
+    peer.close();
+    host.join();
+    EXPECT_TRUE(r.events.waitFor(CLIENT_IPC_OFFLINE, "flood", 1));
 }
 
 // A burst of connecting tests is taken in at once: no connect waits for its
