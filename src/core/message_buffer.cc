@@ -31,13 +31,15 @@ bool would_block(int err) {
 }  // namespace
 
 MessageBuffer::Pool::Storage MessageBuffer::Pool::take(size_t capacity) {
+    // The largest first: room it already holds costs nothing, and a stream
+    // of large messages reads each, and what follows it, in one go.
     Storage storage;
-    if (!m_small.empty() && m_small.back().capacity >= capacity) {
-        storage = std::move(m_small.back());
-        m_small.pop_back();
-    } else if (m_large.capacity >= capacity) {
+    if (m_large.capacity >= capacity) {
         storage = std::move(m_large);
         m_large = Storage();
+    } else if (!m_small.empty() && m_small.back().capacity >= capacity) {
+        storage = std::move(m_small.back());
+        m_small.pop_back();
     } else {
         storage = allocate(capacity);
     }

@@ -38,8 +38,8 @@ class MessageBuffer {
             std::unique_ptr<char[]> bytes;  // capacity + 1 bytes: room for a NUL
             size_t capacity = 0;
         };
-        // A kept one of at least `capacity` (the smallest that will do), or a
-        // new one of exactly `capacity` when none is kept.
+        // A kept one of at least `capacity` (the largest first), or a new
+        // one of exactly `capacity` when none is kept.
         Storage take(size_t capacity);
         static Storage allocate(size_t capacity);
         void give(Storage storage);
