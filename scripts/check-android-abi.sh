@@ -18,8 +18,8 @@
 #   ANDROID_NDK=... scripts/check-android-abi.sh
 #
 # Without an NDK the sysroot is assembled in build-android-abi/sysroot from
-# bionic's headers and symbol lists in ../shared/android-bionic (or
-# VEXA_BIONIC_DIR), laid out as the NDK lays out its own: headers in
+# bionic's headers and symbol lists in ../shared/android-bionic (beside this
+# checkout, or beside the one a local clone came from; or VEXA_BIONIC_DIR), laid out as the NDK lays out its own: headers in
 # usr/include (jni.h from Debian's android-libnativehelper-dev, a stand-in
 # android/ndk-version.h), stub libc.so, libdl.so and libm.so in
 # usr/lib/aarch64-linux-android/<level> holding exactly the symbols of that
@@ -119,7 +119,12 @@ if [ -n "$sysroot" ]; then
         { echo "$sysroot has no usr/lib/aarch64-linux-android/$api/libc.so: not an NDK sysroot" >&2; exit 1; }
     echo "== sysroot: $sysroot"
 else
+    # Beside this checkout, or beside the checkout a local clone was made from.
     bionic=${VEXA_BIONIC_DIR:-$root/../shared/android-bionic}
+    origin=$(git -C "$root" remote get-url origin 2>/dev/null || true)
+    if [ -z "${VEXA_BIONIC_DIR:-}" ] && [ ! -f "$bionic/libc/libc.map.txt" ] && [ -d "$origin" ]; then
+        bionic=$origin/../shared/android-bionic
+    fi
     [ -f "$bionic/libc/libc.map.txt" ] ||
         { echo "bionic's headers and symbol lists not found in $bionic (set VEXA_BIONIC_DIR)" >&2; exit 1; }
     bionic=$(cd "$bionic" && pwd)
