@@ -150,7 +150,7 @@ void launch_tests(const Options& opts, void* server, Host& host, Console& consol
                   const ExitReportPipe* reports) {
     const bool su = opts.su && !opts.suPrefix.empty();
     const char* extra = opts.extraArgs.empty() ? nullptr : opts.extraArgs.c_str();
-    for (const vexahost::TestSpec& test : opts.tests) {
+    for (const vexahost::TestToLaunch& test : opts.tests) {
         vexahost::LaunchRecord launch;
         launch.path = test.path;
         launch.dValue = test.dValue;
@@ -191,7 +191,7 @@ int main(int argc, char** argv) {
     // Opened while this is the only thread: it starts a copy of the tool.
     ExitReportPipe reportPipe;
     ExitReportPipe* reports = nullptr;
-    for (const vexahost::TestSpec& test : opts.tests) {
+    for (const vexahost::TestToLaunch& test : opts.tests) {
         if (vexahost::is_test_library(test.path))
             continue;
         const std::string why = reportPipe.open();

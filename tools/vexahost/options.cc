@@ -201,9 +201,9 @@ bool parse_options(int argc, char** argv, Options& opts) {
 // Paths without a slash are left alone: a program is then looked up in PATH,
 // like in a shell. Through su a test may live where this user cannot look, so
 // only a path that surely does not exist is refused there.
-bool check_tests(std::vector<TestSpec>& tests, bool su, const char* prog) {
-    for (TestSpec& spec : tests) {
-        std::string& test = spec.path;
+bool check_tests(std::vector<TestToLaunch>& tests, bool su, const char* prog) {
+    for (TestToLaunch& launch : tests) {
+        std::string& test = launch.path;
         struct stat st {};
         bool isSo = is_test_library(test);
         bool hasSlash = test.find('/') != std::string::npos;

@@ -11,7 +11,7 @@ namespace vexahost {
 constexpr char kDefaultAddress[] = "tcp://:6000";
 
 // One TEST on the command line, with the -d value that came last before it.
-struct TestSpec {
+struct TestToLaunch {
     std::string path;
     std::string dValue;
 };
@@ -27,7 +27,7 @@ struct Options {
     std::string junitPath;
     double timeoutSeconds = 0;  // 0: no limit
     std::string logDir;         // absolute; empty: the library's own rule
-    std::vector<TestSpec> tests;
+    std::vector<TestToLaunch> tests;
 };
 
 // Fills `opts` from the command line. Prints the help or the version and
@@ -41,7 +41,7 @@ bool is_test_library(const std::string& path);
 // The launcher reports nothing when a test cannot start, so catch the common
 // mistakes before it; a test library without a '/' gets "./" in front.
 // Returns false after printing the first problem.
-bool check_tests(std::vector<TestSpec>& tests, bool su, const char* prog);
+bool check_tests(std::vector<TestToLaunch>& tests, bool su, const char* prog);
 
 }  // namespace vexahost
 
