@@ -61,7 +61,8 @@ bool file_read_all(const std::string& path, std::string& out) {
 }
 
 int32_t file_read(const std::string& path, void* buffer, int32_t size) {
-    FILE* f = std::fopen(path.c_str(), "rb");
+    // "e": not inherited by a program another thread launches meanwhile.
+    FILE* f = std::fopen(path.c_str(), "rbe");
     if (f == nullptr)
         return 0;
     size_t n = 0;

@@ -1,13 +1,10 @@
 #include "core/launch_token.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
-#include <cerrno>
 #include <cstdint>
 #include <map>
 
 #include "comm/env_path.h"
+#include "comm/file_util.h"
 #include "comm/platform.h"
 #include "comm/thread_util.h"
 
@@ -23,26 +20,9 @@ std::map<std::string, std::string>& in_process_tokens() REQUIRES(g_inProcessLock
 
 // The system's random source without a file where it can, else /dev/urandom.
 bool read_random(uint8_t* bytes, size_t size) {
-    if (comm::fill_random(bytes, size)) {
-        return true;
-    }
-    const int fd = ::open("/dev/urandom", O_RDONLY | O_CLOEXEC);
-    if (fd < 0) {
-        return false;
-    }
-    size_t got = 0;
-    while (got < size) {
-        const ssize_t n = ::read(fd, bytes + got, size - got);
-        if (n > 0) {
-            got += static_cast<size_t>(n);
-        } else if (n < 0 && errno == EINTR) {
-            continue;
-        } else {
-            break;
-        }
-    }
-    ::close(fd);
-    return got == size;
+    return comm::fill_random(bytes, size) ||
+           comm::file_read("/dev/urandom", bytes, static_cast<int32_t>(size)) ==
+               static_cast<int32_t>(size);
 }
 
 }  // namespace
