@@ -100,11 +100,13 @@ bool MessageBuffer::takeIn(int fd) {
     }
     const ssize_t got = ::recv(fd, m_storage.get() + m_end, m_capacity - m_end, MSG_DONTWAIT);
     if (got > 0) {
-        if (m_end == m_begin) {
-            m_frontSinceMs = comm::monotonic_ms();
+        // One clock read for both: the first message not handed out begins
+        // here when nothing was left, or when a message was used since.
+        m_lastByteMs = comm::monotonic_ms();
+        if (m_end == m_begin || m_silenceRestarts) {
+            m_frontSinceMs = m_lastByteMs;
         }
         m_end += static_cast<size_t>(got);
-        m_lastByteMs = comm::monotonic_ms();
         m_silenceRestarts = false;
         return true;
     }
@@ -196,7 +198,6 @@ void MessageBuffer::done() {
         releaseStorage();
     } else {
         m_silenceRestarts = true;
-        m_frontSinceMs = comm::monotonic_ms();
     }
 }
 
@@ -209,6 +210,7 @@ bool MessageBuffer::expire(int64_t nowMs, int32_t budgetMs) {
     if (m_silenceRestarts) {
         m_silenceRestarts = false;
         m_lastByteMs = nowMs;
+        m_frontSinceMs = nowMs;
     }
     if (nowMs - m_lastByteMs <= budget) {
         return false;

@@ -133,7 +133,9 @@ class MessageBuffer {
     size_t m_outSize = 0;  // size of the message handed out, 0 when none
     char m_underNul = 0;   // the byte the NUL after that message covers
     int64_t m_lastByteMs = 0;
-    int64_t m_frontSinceMs = 0;  // first byte of the first message not handed out
+    // First byte of the first message not handed out; after a message was
+    // used, set with the next byte or the next look, as m_lastByteMs is.
+    int64_t m_frontSinceMs = 0;
     // A message was used since the last byte came: the silence of the rest
     // counts from the next look at it, as a counted read would start then.
     bool m_silenceRestarts = false;
