@@ -86,10 +86,7 @@ IPCServer::~IPCServer() {
         SoLoader::close();
     }
     forget_in_process_token(m_servPath);
-    // Connections that outlive the set leave it by themselves; its own number
-    // goes last.
-    m_sockets.clear();
-    m_lingering.clear();
+    // Every connection has left the set by now: a close request unwatches.
     if (m_epoll != -1) {
         ::close(m_epoll);
     }
@@ -190,18 +187,19 @@ size_t IPCServer::clientCount() {
 }
 
 bool IPCServer::processOnce() {
-    m_passStartMs = comm::monotonic_ms();
+    m_passStartMs = 0;  // the budget runs only where there is more than one thing to do
     m_launcher.reap();
     if (!m_lingering.empty() || m_schedule.hasStalled()) {
         const int64_t now = comm::monotonic_ms();
         serviceLingering(now);
         expireStalled(now);
     }
-    // A connection with a whole message already here is ready without waiting,
-    // and so are removals a pass had no time for. Otherwise the loop sleeps until a socket (or
-    // stop) wakes it, and looks again every few milliseconds only while something needs watching
-    // that no socket announces: children to reap, answers to finish, messages that are late to
-    // complete.
+    // A connection with a whole message already here is ready without
+    // waiting, and so are removals a pass had no time for. Otherwise the loop
+    // sleeps until a socket (or stop) wakes it, and looks again every few
+    // milliseconds only while something needs watching that no socket
+    // announces: children to reap, answers to finish, messages that are late
+    // to complete.
     int waitMs = m_kickFd >= 0 ? idleWaitMs() : kLoopWaitMs;
     if (m_schedule.readyWithoutWaiting() || !m_removeList.empty()) {
         waitMs = 0;
@@ -245,6 +243,9 @@ void IPCServer::serveReady(int events) {
         }
     }
     const std::vector<Connection*>& ready = m_schedule.collect(&m_woken);
+    if (ready.size() > 1) {
+        m_passStartMs = comm::monotonic_ms();
+    }
     size_t served = 0;
     while (served < ready.size()) {
         Connection* conn = ready[served++];
@@ -521,6 +522,9 @@ void IPCServer::removeConnections() {
     // the pass has run out of time, the rest wait for the next one. Until
     // then their pairs stay listed, closing, so that a pair registered again
     // meanwhile is never reported gone after its new registration.
+    if (m_removeList.size() > 1 && m_passStartMs == 0) {
+        m_passStartMs = comm::monotonic_ms();
+    }
     size_t done = 0;
     for (; done < m_removeList.size(); ++done) {
         if (done > 0 && passTimeSpent()) {

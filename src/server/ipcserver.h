@@ -62,8 +62,6 @@ class IPCServer : public IPCBase {
     int exitedCount() const { return m_exitedCount; }
     bool testSoLoaded() const { return m_launcher.testSoLoaded(); }
     size_t clientCount() EXCLUDES(m_clientLock);
-    RegistrationPolicy registrationPolicy() const { return m_policy; }
-    const ResourceLimits& limits() const { return m_limits; }
 
   protected:
     int setupSocket() override;
@@ -122,7 +120,8 @@ class IPCServer : public IPCBase {
     // the pass has time for.
     void removeConnections();
     void removeConnection(const Removal& removal);
-    // The pass has run longer than its budget.
+    // The pass has run longer than its budget, counted from when it first had
+    // more than one connection to serve or to remove (m_passStartMs).
     bool passTimeSpent() const;
     // Logs the pair's end and tells the host, as its closing flag says.
     void reportEnd(const ItemClient& item);
