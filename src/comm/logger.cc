@@ -90,8 +90,7 @@ void Logger::open(const std::string& path, bool enabled, bool append, bool flush
     if (maxSize > 0 && maxSize <= file_size(path)) {
         file_remove(path);
     }
-    // "e": the log must not be inherited by launched test programs.
-    m_file = std::fopen(path.c_str(), append ? "ate" : "wte");
+    m_file = openFile();
     m_size = m_file != nullptr ? std::max<int64_t>(stream_size(m_file), 0) : 0;
     m_toAndroidLog =
         (m_file == nullptr || env_get_bool("VEXA_LOGCAT", false)) && android_log_write() != nullptr;
@@ -156,8 +155,13 @@ void Logger::writeStamped(const char* text) {
 void Logger::restart() {
     std::fclose(m_file);
     file_remove(m_path);
-    m_file = std::fopen(m_path.c_str(), m_append ? "ate" : "wte");
+    m_file = openFile();
     m_size = 0;
+}
+
+FILE* Logger::openFile() {
+    // "e": the log must not be inherited by launched test programs.
+    return std::fopen(m_path.c_str(), m_append ? "ate" : "wte");
 }
 
 void Logger::close() {

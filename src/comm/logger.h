@@ -59,6 +59,8 @@ class Logger {
     void writeStamped(const char* text) REQUIRES(m_lock);
     // Deletes the file and opens it again, empty.
     void restart() REQUIRES(m_lock);
+    // m_path, for appending or from its start as m_append says.
+    FILE* openFile() REQUIRES(m_lock);
 
     std::string m_path GUARDED_BY(m_lock);
     FILE* m_file GUARDED_BY(m_lock);
